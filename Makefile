@@ -1,0 +1,35 @@
+# The two entry points: `make demo` and `make test`. Both install what is
+# missing, configure and build.
+BUILD ?= build
+FUZZ_BUILD ?= build-fuzz
+JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 5
+
+.PHONY: all deps build fuzz-build demo test bench clean
+
+all: build
+
+deps:
+	@scripts/deps.sh
+
+build: deps
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DDNSHOOK_FUZZ_DIR=$(abspath $(FUZZ_BUILD)) -DDNSHOOK_FUZZ_SECONDS=$(FUZZ_SECONDS) >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS)
+
+fuzz-build: deps
+	@CXX=clang++-14 CC=clang-14 cmake -S . -B $(FUZZ_BUILD) -G Ninja \
+		-DCMAKE_BUILD_TYPE=RelWithDebInfo -DDNSHOOK_FUZZERS=ON >/dev/null
+	@cmake --build $(FUZZ_BUILD) -j $(JOBS)
+
+demo: build
+	@$(BUILD)/tools/dnshook-demo
+
+test: build fuzz-build
+	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+bench: build
+	@for b in $(BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+
+clean:
+	rm -rf $(BUILD) $(FUZZ_BUILD)

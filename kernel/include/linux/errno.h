@@ -1,0 +1,3 @@
+#pragma once
+// Kernel error numbers (the host's values match the kernel's for these).
+#include <errno.h>

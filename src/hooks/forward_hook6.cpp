@@ -1,0 +1,9 @@
+// Hooks for HTTP connections of IPv6 clients.
+// Not filtering yet: every packet is accepted.
+#include "hooks/hooks.h"
+
+unsigned int forward_hook6(unsigned int, struct sk_buff *, const struct net_device *,
+			  const struct net_device *, int (*)(struct sk_buff *))
+{
+	return NF_ACCEPT;
+}
