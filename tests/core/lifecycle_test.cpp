@@ -1,0 +1,202 @@
+// Load and unload: order, return codes, log lines, and what stays in place
+// when a step fails.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "core/hook_registry.h"
+#include "core/switch_files.h"
+#include "kmodel/host.h"
+#include "linux/module.h"
+#include "sim/router.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const Lines kLoadLog = {
+	"<6>[init]: tcp_init ok\n",  "<6>[init]: dns_init ok\n", "<6>[init]: pct_init ok\n",
+	"<6>[init]: pct6_init ok\n", "<6>[init]: ssl_init ok\n", "<6>[init]: ssl6_init ok\n",
+};
+
+bool is_prefix(const Lines &a, const Lines &b)
+{
+	return a.size() <= b.size() && std::equal(a.begin(), a.end(), b.begin());
+}
+
+Lines log_without_channel(void)
+{
+	// The channel may log its own lines at the end of a successful load.
+	Lines out;
+	for (const auto &l : kmodel_log())
+		if (l.find("[nlink_init]") == std::string::npos)
+			out.push_back(l);
+	return out;
+}
+
+TEST(Lifecycle, LoadRegistersAlwaysOnHooksAndFiles)
+{
+	sim::Router r;
+	ASSERT_EQ(0, r.load());
+	EXPECT_EQ(kLoadLog, log_without_channel());
+
+	// Each point holds exactly the filter's hook, at the most negative priority.
+	struct { int pf; unsigned hook; const nf_hook_ops *ops; } points[] = {
+		{ PF_INET, NF_INET_FORWARD, &hook_ops },       { PF_INET6, NF_INET_FORWARD, &hook_ops6 },
+		{ PF_INET, NF_INET_PRE_ROUTING, &dns_hook_ops }, { PF_INET6, NF_INET_PRE_ROUTING, &dns6_hook_ops },
+	};
+	for (auto &p : points) {
+		auto hooks = kmodel_nf_hooks(p.pf, p.hook);
+		ASSERT_EQ(1u, hooks.size());
+		EXPECT_EQ(p.ops, hooks[0]);
+		EXPECT_EQ(INT_MIN, hooks[0]->priority);
+		EXPECT_EQ(nullptr, hooks[0]->owner);
+	}
+	for (auto *ops : { &pct_hook_ops, &pct6_hook_ops, &https_hook_ops, &https6_hook_ops })
+		EXPECT_FALSE(kmodel_nf_registered(ops));
+	EXPECT_EQ(0, wp_enabled);
+	EXPECT_EQ(0, pc_enabled);
+
+	for (const char *name : { "wl_warning_page", "pcg_proc" }) {
+		const proc_dir_entry *e = kmodel_proc_entry(name);
+		ASSERT_NE(nullptr, e) << name;
+		EXPECT_EQ(0644u, e->mode);
+		EXPECT_EQ(nullptr, e->read_proc);
+		EXPECT_EQ(nullptr, e->parent);
+	}
+	EXPECT_EQ(wp_proc_write, kmodel_proc_entry("wl_warning_page")->write_proc);
+	EXPECT_EQ(pc_proc_write, kmodel_proc_entry("pcg_proc")->write_proc);
+}
+
+TEST(Lifecycle, UnloadWithServicesOffAndOn)
+{
+	{
+		sim::Router r;
+		ASSERT_EQ(0, r.load());
+		kmodel_log_clear();
+		r.unload();
+		EXPECT_EQ((Lines{ "<4>[wp_unhook]: hook already unregistered\n",
+				  "<4>[pcg_unhook]: hook already unregistered\n" }),
+			  kmodel_log());
+		EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
+		EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
+		for (int pf : { PF_INET, PF_INET6 })
+			for (unsigned h : { NF_INET_PRE_ROUTING, NF_INET_FORWARD })
+				EXPECT_TRUE(kmodel_nf_hooks(pf, h).empty());
+	}
+	{
+		sim::Router r;
+		ASSERT_EQ(0, r.load());
+		ASSERT_EQ(2, r.write_proc("wl_warning_page", "1\n"));
+		ASSERT_EQ(2, r.write_proc("pcg_proc", "1\n"));
+		EXPECT_EQ(3u, kmodel_nf_hooks(PF_INET, NF_INET_FORWARD).size());
+		kmodel_log_clear();
+		r.unload();
+		EXPECT_EQ((Lines{ "<6>[wp_unhook]: exit netfiler hook on demand\n",
+				  "<6>[pcg_unhook]: Parental Control => Disable\n" }),
+			  kmodel_log());
+		EXPECT_TRUE(kmodel_nf_hooks(PF_INET, NF_INET_FORWARD).empty());
+		EXPECT_TRUE(kmodel_nf_hooks(PF_INET6, NF_INET_FORWARD).empty());
+		EXPECT_EQ(0, wp_enabled);
+		EXPECT_EQ(0, pc_enabled);
+	}
+}
+
+// Every allocation of the load, failed in turn: the load stops at once with
+// -14, its log is the successful log up to one "fail" line, and whatever
+// was set up before stays in place.
+TEST(Lifecycle, EachAllocationFailingStopsTheLoad)
+{
+	long allocs;
+	{
+		sim::Router r;
+		ASSERT_EQ(0, r.load());
+		allocs = kmodel_alloc_stats_get().total_allocs;
+	}
+	for (long n = 1; n <= allocs; n++) {
+		sim::Router r;
+		kmodel_fail_alloc_nth(n);
+		int ret = r.load();
+		if (ret == 0)
+			continue; // a step that tolerates the failure (the channel)
+		SCOPED_TRACE("allocation " + std::to_string(n));
+		EXPECT_EQ(-14, ret);
+		Lines log = kmodel_log();
+		ASSERT_FALSE(log.empty());
+		std::string last = log.back();
+		log.pop_back();
+		EXPECT_TRUE(last.rfind("<3>[init]: ", 0) == 0 && last.find(" fail\n") != std::string::npos) << last;
+		EXPECT_TRUE(is_prefix(log, kLoadLog));
+		EXPECT_TRUE(kmodel_nf_hooks(PF_INET, NF_INET_FORWARD).empty());
+		EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
+		r.unload();
+	}
+}
+
+TEST(Lifecycle, RegistrationFailuresLeaveEarlierHooks)
+{
+	const char *lines[] = {
+		"<3>[init]: nf_register_hook fail\n",
+		"<3>[init]: nf_register_hook(hook_ops6) fail\n",
+		"<3>[init]: nf_register_hook(dns_hook_ops) fail\n",
+		"<3>[init]: nf_register_hook(dns6_hook_ops) fail\n",
+	};
+	const nf_hook_ops *order[] = { &hook_ops, &hook_ops6, &dns_hook_ops, &dns6_hook_ops };
+	for (int n = 1; n <= 4; n++) {
+		SCOPED_TRACE("registration " + std::to_string(n));
+		sim::Router r;
+		kmodel_fail_nf_register_nth(n, -EINTR);
+		EXPECT_EQ(-14, r.load());
+		Lines expect = kLoadLog;
+		expect.push_back(lines[n - 1]);
+		EXPECT_EQ(expect, kmodel_log());
+		for (int i = 0; i < 4; i++)
+			EXPECT_EQ(i < n - 1, kmodel_nf_registered(order[i])) << i;
+		EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
+	}
+}
+
+TEST(Lifecycle, SwitchFileFailuresReturnNoMemory)
+{
+	{
+		sim::Router r;
+		kmodel_fail_proc_create_nth(1);
+		EXPECT_EQ(-12, r.load());
+		EXPECT_EQ("<3>[create_proc]: create proc entry failed!\n", kmodel_log().back());
+		EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
+		EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
+		EXPECT_EQ(2u, kmodel_nf_hooks(PF_INET, NF_INET_FORWARD).size() +
+				      kmodel_nf_hooks(PF_INET, NF_INET_PRE_ROUTING).size());
+	}
+	{
+		sim::Router r;
+		kmodel_fail_proc_create_nth(2);
+		EXPECT_EQ(-12, r.load());
+		EXPECT_TRUE(kmodel_proc_exists("wl_warning_page")); // not unwound
+		EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
+	}
+}
+
+TEST(Lifecycle, CreateAndRemoveProcBitSelection)
+{
+	kmodel_reset();
+	EXPECT_EQ(0, create_proc(0));
+	EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
+	EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
+
+	EXPECT_EQ(0, create_proc(3)); // bit 0 wins
+	EXPECT_TRUE(kmodel_proc_exists("wl_warning_page"));
+	EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
+	EXPECT_EQ(0, create_proc(2));
+	EXPECT_TRUE(kmodel_proc_exists("pcg_proc"));
+
+	remove_proc(3); // bit 1 is not looked at
+	EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
+	EXPECT_TRUE(kmodel_proc_exists("pcg_proc"));
+	remove_proc(2);
+	EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
+	EXPECT_TRUE(kmodel_log().empty());
+}
+
+} // namespace

@@ -1,0 +1,202 @@
+// The model's plain parts: character classes, string compares, strtoul,
+// user copies, the allocator, ticks, lists and the netfilter walk.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "kmodel/host.h"
+#include "linux/ctype.h"
+#include "linux/jiffies.h"
+#include "linux/kernel.h"
+#include "linux/list.h"
+#include "linux/netfilter.h"
+#include "linux/slab.h"
+#include "linux/string.h"
+#include "linux/uaccess.h"
+
+namespace {
+
+TEST(KernelCtype, Latin1FoldsLikeTheKernel)
+{
+	EXPECT_EQ('a', tolower('A'));
+	EXPECT_EQ(0xe0, tolower(0xc0)); // À -> à
+	EXPECT_EQ(0xfe, tolower(0xde)); // Þ -> þ
+	EXPECT_EQ(0xd7, tolower(0xd7)); // × is punctuation
+	EXPECT_EQ(0xdf, tolower(0xdf)); // ß has no upper case here
+	EXPECT_EQ(0x80, tolower(0x80));
+	EXPECT_TRUE(isspace(0xa0));
+	EXPECT_TRUE(isxdigit('F'));
+	EXPECT_FALSE(isxdigit('g'));
+
+	EXPECT_EQ(0, strcasecmp("WWW.Example.COM", "www.example.com"));
+	EXPECT_EQ(0, strcasecmp("\xc0\xc9", "\xe0\xe9")); // the C library says otherwise
+	EXPECT_LT(strcasecmp("abc", "abd"), 0);
+	EXPECT_GT(strcasecmp("abcd", "abc"), 0);
+	EXPECT_EQ(0, strncasecmp("HOST: x", "host: y", 6));
+	EXPECT_NE(0, strncasecmp("HOST: x", "host: y", 7));
+}
+
+TEST(KernelStrtoul, BasesEndsAndWidth)
+{
+	char *end;
+	EXPECT_EQ(1234ul, simple_strtoul("1234abc", &end, 10));
+	EXPECT_STREQ("abc", end);
+	EXPECT_EQ(0x1fful, simple_strtoul("0x1ffz", &end, 0));
+	EXPECT_STREQ("z", end);
+	EXPECT_EQ(0x1ful, simple_strtoul("0X1F", &end, 16));
+	EXPECT_EQ(8ul, simple_strtoul("010", &end, 0)); // leading 0: octal
+	EXPECT_EQ(0ul, simple_strtoul("0x", &end, 0));  // "0x" without digit: octal 0, stops at x
+	EXPECT_STREQ("x", end);
+	EXPECT_EQ(0ul, simple_strtoul("-5", &end, 10));
+	EXPECT_STREQ("-5", end);
+	EXPECT_EQ(0xabul, simple_strtoul("aB:cd", &end, 16));
+	EXPECT_STREQ(":cd", end);
+	// The router's unsigned long is 32 bits wide.
+	EXPECT_EQ(4294967295ul, simple_strtoul("4294967295", nullptr, 10));
+	EXPECT_EQ(0ul, simple_strtoul("4294967296", nullptr, 10));
+	EXPECT_EQ(1ul, simple_strtoul("4294967297", nullptr, 10));
+}
+
+TEST(KernelUaccess, CopiesOnlyFromMappedUserMemory)
+{
+	kmodel_reset();
+	char user[8] = { 'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h' };
+	char to[8];
+	EXPECT_EQ(8ul, copy_from_user(to, user, 8)); // not mapped yet
+	kmodel_user_map(user, 4);
+	EXPECT_TRUE(access_ok(VERIFY_READ, user, 4));
+	EXPECT_FALSE(access_ok(VERIFY_READ, user, 5));
+	EXPECT_EQ(0ul, copy_from_user(to, user + 1, 3));
+	EXPECT_EQ(0, memcmp(to, "bcd", 3));
+	memset(to, 'z', sizeof(to));
+	EXPECT_EQ(2ul, copy_from_user(to, user + 2, 4)); // runs off the end
+	EXPECT_EQ(0, memcmp(to, "cd\0\0", 4)); // the rest is zeroed
+	kmodel_user_unmap(user);
+	EXPECT_EQ(1ul, copy_from_user(to, user, 1));
+}
+
+TEST(KernelSlab, AccountingAndInjectedFailures)
+{
+	kmodel_reset();
+	void *a = kmalloc(10, GFP_KERNEL);
+	void *b = kmalloc(20, GFP_ATOMIC);
+	ASSERT_TRUE(a && b);
+	EXPECT_EQ(2, kmodel_alloc_stats_get().live_blocks);
+	EXPECT_EQ(30u, kmodel_alloc_stats_get().live_bytes);
+
+	kmodel_fail_alloc_nth(2);
+	void *c = kmalloc(1, GFP_KERNEL);
+	EXPECT_NE(nullptr, c);
+	EXPECT_EQ(nullptr, kmalloc(1, GFP_KERNEL));
+	void *d = kmalloc(1, GFP_KERNEL); // only the n-th fails
+	EXPECT_NE(nullptr, d);
+
+	kmodel_fail_alloc_flags(GFP_ATOMIC);
+	EXPECT_EQ(nullptr, kmalloc(1, GFP_ATOMIC));
+	void *e = kmalloc(1, GFP_KERNEL);
+	EXPECT_NE(nullptr, e);
+	kmodel_fail_alloc_flags(0);
+	EXPECT_EQ(2, kmodel_alloc_stats_get().failed_allocs);
+
+	for (void *p : { a, b, c, d, e })
+		kfree(p);
+	kfree(nullptr);
+	EXPECT_EQ(0, kmodel_alloc_stats_get().live_blocks);
+	EXPECT_FALSE(kmodel_is_live(a));
+	EXPECT_DEATH(kfree(a), "double free");
+}
+
+TEST(KernelJiffies, ComparisonsSurviveTheWrap)
+{
+	kmodel_reset();
+	EXPECT_EQ((u32)-30000, jiffies); // boots 300 s before the wrap
+	u32 deadline = jiffies + 60000;  // past the wrap
+	EXPECT_LT(deadline, jiffies);
+	EXPECT_TRUE(time_before(jiffies, deadline));
+	kmodel_advance_jiffies(59999);
+	EXPECT_FALSE(time_after(jiffies, deadline));
+	kmodel_advance_jiffies(1);
+	EXPECT_TRUE(time_after_eq(jiffies, deadline));
+	EXPECT_FALSE(time_after(jiffies, deadline));
+	kmodel_advance_jiffies(1);
+	EXPECT_TRUE(time_after(jiffies, deadline));
+}
+
+struct item {
+	int v;
+	struct list_head link;
+};
+
+TEST(KernelList, OrderDeletionAndPoison)
+{
+	LIST_HEAD(head);
+	item a{ 1, {} }, b{ 2, {} }, c{ 3, {} };
+	list_add_tail(&a.link, &head);
+	list_add_tail(&b.link, &head);
+	list_add(&c.link, &head); // at the head
+	std::vector<int> seen;
+	item *it, *n;
+	list_for_each_entry(it, &head, link)
+		seen.push_back(it->v);
+	EXPECT_EQ((std::vector<int>{ 3, 1, 2 }), seen);
+	list_move_tail(&c.link, &head);
+	seen.clear();
+	list_for_each_entry_safe(it, n, &head, link) {
+		seen.push_back(it->v);
+		list_del(&it->link);
+	}
+	EXPECT_EQ((std::vector<int>{ 1, 2, 3 }), seen);
+	EXPECT_TRUE(list_empty(&head));
+	EXPECT_EQ(LIST_POISON1, a.link.next);
+	EXPECT_EQ(LIST_POISON2, a.link.prev);
+}
+
+std::vector<int> g_calls;
+
+template <int Id, unsigned Verdict>
+unsigned int record_hook(unsigned int, struct sk_buff *, const struct net_device *, const struct net_device *,
+			 int (*)(struct sk_buff *))
+{
+	g_calls.push_back(Id);
+	return Verdict;
+}
+
+TEST(KernelNetfilter, WalkFollowsPriorityAndStopsAtAVerdict)
+{
+	kmodel_reset();
+	g_calls.clear();
+	nf_hook_ops late = { {}, record_hook<3, NF_ACCEPT>, nullptr, PF_INET, NF_INET_FORWARD, 100 };
+	nf_hook_ops first = { {}, record_hook<1, NF_ACCEPT>, nullptr, PF_INET, NF_INET_FORWARD, INT_MIN };
+	nf_hook_ops second = { {}, record_hook<2, NF_ACCEPT>, nullptr, PF_INET, NF_INET_FORWARD, INT_MIN + 1 };
+	nf_hook_ops same = { {}, record_hook<4, NF_ACCEPT>, nullptr, PF_INET, NF_INET_FORWARD, INT_MIN + 1 };
+	nf_hook_ops other = { {}, record_hook<9, NF_DROP>, nullptr, PF_INET6, NF_INET_FORWARD, 0 };
+	for (auto *ops : { &late, &second, &first, &same, &other })
+		ASSERT_EQ(0, nf_register_hook(ops));
+
+	EXPECT_EQ((unsigned)NF_ACCEPT, kmodel_nf_hook(PF_INET, NF_INET_FORWARD, nullptr, nullptr, nullptr));
+	EXPECT_EQ((std::vector<int>{ 1, 2, 4, 3 }), g_calls); // equal priorities keep registration order
+
+	g_calls.clear();
+	second.hook = record_hook<2, NF_DROP>;
+	EXPECT_EQ((unsigned)NF_DROP, kmodel_nf_hook(PF_INET, NF_INET_FORWARD, nullptr, nullptr, nullptr));
+	EXPECT_EQ((std::vector<int>{ 1, 2 }), g_calls);
+
+	g_calls.clear();
+	second.hook = record_hook<2, NF_STOP>;
+	EXPECT_EQ((unsigned)NF_ACCEPT, kmodel_nf_hook(PF_INET, NF_INET_FORWARD, nullptr, nullptr, nullptr));
+	EXPECT_EQ((std::vector<int>{ 1, 2 }), g_calls);
+
+	g_calls.clear();
+	nf_unregister_hook(&first);
+	EXPECT_EQ((unsigned)NF_ACCEPT, kmodel_nf_hook(PF_INET, NF_INET_PRE_ROUTING, nullptr, nullptr, nullptr));
+	EXPECT_TRUE(g_calls.empty());
+	EXPECT_FALSE(kmodel_nf_registered(&first));
+
+	kmodel_fail_nf_register_nth(1, -EINTR);
+	EXPECT_EQ(-EINTR, nf_register_hook(&first));
+	EXPECT_FALSE(kmodel_nf_registered(&first));
+	kmodel_reset();
+}
+
+} // namespace
