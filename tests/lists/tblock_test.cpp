@@ -5,7 +5,6 @@
 #include "linux/errno.h"
 #include "linux/slab.h"
 #include "linux/string.h"
-#include "lists/tblock_proc.h"
 
 namespace lists_test {
 namespace {
@@ -240,16 +239,6 @@ TEST_F(Lists, TblockWriteBounds)
 	std::string nul_inside("add 00:11:22:33:44:55\0:66", 25);
 	EXPECT_EQ(25, tblock(nul_inside));
 	EXPECT_EQ("00:11:22:33:44:55", mac_text(tblk_entries()[0]->mac));
-}
-
-TEST_F(Lists, TblockFileEntry)
-{
-	const proc_dir_entry *e = kmodel_proc_entry("tblock_proc");
-	ASSERT_NE(nullptr, e);
-	EXPECT_EQ(0644u, e->mode);
-	EXPECT_EQ(420u, e->mode);
-	EXPECT_EQ(nullptr, e->read_proc);
-	EXPECT_EQ(tblk_proc_write, e->write_proc);
 }
 
 } // namespace

@@ -8,7 +8,6 @@
 #include "linux/errno.h"
 #include "linux/jiffies.h"
 #include "linux/slab.h"
-#include "lists/unblock_proc.h"
 
 namespace lists_test {
 namespace {
@@ -255,15 +254,6 @@ TEST_F(Lists, UnblockRefusals)
 	kmodel_fail_alloc_flags(0);
 	EXPECT_TRUE(ublk_entries().empty());
 	EXPECT_EQ(1, entries_alive()); // the deleted one, held by the look-up
-}
-
-TEST_F(Lists, UnblockFileEntry)
-{
-	const proc_dir_entry *e = kmodel_proc_entry("unblock_proc");
-	ASSERT_NE(nullptr, e);
-	EXPECT_EQ(0644u, e->mode);
-	EXPECT_EQ(nullptr, e->read_proc);
-	EXPECT_EQ(tm_proc_write, e->write_proc);
 }
 
 } // namespace
