@@ -15,4 +15,12 @@ void kmodel_reset(void)
 	kmodel_uaccess_reset();
 	kmodel_procfs_reset();
 	kmodel_netfilter_reset();
+	// Buffers first: they point at routes, entries and devices.
+	kmodel_skb_reset();
+	kmodel_netlink_reset();
+	kmodel_conntrack_reset();
+	kmodel_route_reset();
+	kmodel_neigh_reset();
+	kmodel_netdev_reset();
+	kmodel_ratelimit_reset();
 }

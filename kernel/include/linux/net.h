@@ -23,8 +23,7 @@ struct socket {
 // Releases the socket and the sock behind it.
 void sock_release(struct socket *sock);
 
-// Non-zero when a rate-limited message may be printed now: at most
-// net_msg_burst messages per net_msg_cost jiffies.
+// Non-zero when a rate-limited message may be printed now: at most 10
+// messages per 5 * HZ jiffies by default; a window that ends with
+// suppressed messages logs "<4>net_ratelimit: %d callbacks suppressed\n".
 int net_ratelimit(void);
-extern int net_msg_cost;
-extern int net_msg_burst;

@@ -53,6 +53,16 @@ static inline int ipv6_ext_hdr(u8 nexthdr)
 	       (nexthdr == NEXTHDR_NONE) || (nexthdr == NEXTHDR_DEST);
 }
 
+struct frag_hdr {
+	u8 nexthdr;
+	u8 reserved;
+	__be16 frag_off;
+	__be32 identification;
+};
+
+#define IP6_MF 0x0001
+#define IP6_OFFSET 0xfff8
+
 #define ipv6_optlen(p) (((p)->hdrlen + 1) << 3)
 #define ipv6_authlen(p) (((p)->hdrlen + 2) << 2)
 
