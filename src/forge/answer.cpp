@@ -1,0 +1,80 @@
+// Acknowledging the client and resetting the server.
+#include "forge/answer.h"
+
+#include "forge/output.h"
+#include "forge/rebuild.h"
+#include "forge/segment.h"
+#include "linux/ip.h"
+#include "linux/kernel.h"
+
+// The IPv4 header length as the first byte claims it; rebuild_packet
+// judges whether the header is any good.
+static int ipv4_tcp_offset(const struct sk_buff *skb)
+{
+	u8 _vihl, *vihl;
+
+	vihl = (u8 *)skb_header_pointer(skb, 0, 1, &_vihl);
+	return vihl ? (*vihl & 0x0f) * 4 : -1;
+}
+
+int ack_client(struct sk_buff *skb)
+{
+	struct sk_buff *nskb;
+	u32 len = tcp_payload_len(skb, ipv4_tcp_offset(skb));
+
+	nskb = rebuild_packet(skb, len, REBUILD_ACK, 1);
+	if (!nskb)
+		return -1;
+	if (output_packet(nskb) < 0) {
+		printk(KERN_ERR "[%s]: ACK to client failed\n", __func__);
+		return -1;
+	}
+	return 0;
+}
+
+int ack_client6(struct sk_buff *skb)
+{
+	struct sk_buff *nskb;
+	int thoff = ipv6_tcp_offset(skb);
+	u32 len = tcp_payload_len(skb, thoff);
+
+	nskb = rebuild_packet6(skb, len, REBUILD_ACK, &thoff, 1);
+	if (!nskb)
+		return -1;
+	if (output_packet(nskb) < 0) {
+		printk(KERN_ERR "[%s]: ACK to client failed\n", __func__);
+		return -1;
+	}
+	return 0;
+}
+
+int reset_server(struct sk_buff *skb)
+{
+	struct sk_buff *nskb;
+
+	nskb = rebuild_packet(skb, 0, REBUILD_RST, 1);
+	if (!nskb)
+		return -1;
+	if (output_packet(nskb) < 0) {
+		printk(KERN_ERR "[%s]: RST to server failed\n\n", __func__);
+		return -1;
+	}
+	return 0;
+}
+
+// The IPv6 server is not reset: it gets an ACK of what it sent.
+int reset_server6(struct sk_buff *skb)
+{
+	struct sk_buff *nskb;
+	int thoff = ipv6_tcp_offset(skb);
+	u32 len = tcp_payload_len(skb, thoff);
+
+	nskb = rebuild_packet6(skb, len, REBUILD_ACK, &thoff, 1);
+	if (!nskb)
+		return -1;
+	if (output_packet(nskb) < 0) {
+		printk(KERN_ERR "[%s]: RST to server failed\n\n", __func__);
+		return -1;
+	}
+	return 0;
+}
