@@ -1,8 +1,7 @@
 #pragma once
 // MAC address text and hashing, shared by the time-block and unblock lists.
+#include "linux/if_ether.h"
 #include "linux/types.h"
-
-#define ETH_ALEN 6
 
 // Reads six hexadecimal numbers separated by any single character into mac
 // (unread bytes stay 0). 1 when six numbers were read, else 0.
