@@ -134,3 +134,18 @@ PY
 finish http.pcap
 
 ls -l "$out"/*.pcap
+
+# Seed corpora for the decoder fuzzers: each DNS payload and each client
+# HTTP segment of the captures, one file each, named by content.
+seed() {  # pcap filter corpus
+	local dir="$out/../../fuzz/corpus/$3"
+	mkdir -p "$dir"
+	tshark -r "$out/$1" -Y "$2" -T fields -e udp.payload -e tcp.payload 2>/dev/null |
+	tr -d '\t:' | sort -u | while read -r hex; do
+		[ -n "$hex" ] || continue
+		f="$work/seed" && echo "$hex" | xxd -r -p >"$f"
+		cp "$f" "$dir/$(sha1sum "$f" | cut -c1-16)"
+	done
+}
+seed dns.pcap "dns" decode_dns
+seed http.pcap "tcp.dstport == 80 || tcp.dstport == 8080" decode_http
