@@ -1,0 +1,236 @@
+// The named answers of a blocked connection: ACK to the client, the
+// "302 Found" redirect, the server's reset (an ACK over IPv6), and their
+// failure lines.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "tests/forge/fixture.h"
+
+#include "forge/answer.h"
+#include "forge/blkpage.h"
+#include "net/dst.h"
+
+using namespace forge_test;
+
+namespace {
+
+const char kUrl[] = "http://block.example/page?u=1";
+
+Bytes page_for(const std::string &url)
+{
+	std::string s = "HTTP/1.1 302 Found\r\nLocation: " + url +
+			"\r\nContent-Length: 0\r\nContent-Type: text/html\r\n\r\n";
+	if (s.size() > 1023)
+		s.resize(1023);
+	return Bytes(s.begin(), s.end());
+}
+
+sim::Tcp redirect_of(const sim::Tcp &t, uint32_t datalen, const std::string &url)
+{
+	sim::Tcp o;
+	o.sport = t.dport, o.dport = t.sport, o.seq = t.ack, o.ack = t.seq + datalen;
+	o.flags = (t.flags & (sim::ECE | sim::CWR)) | sim::PSH | sim::ACK;
+	o.window = 0xFF7F; // the bytes 0xFF 0x7F
+	o.urg_ptr = t.urg_ptr;
+	o.payload = page_for(url);
+	return o;
+}
+
+// One's-complement sum of little-endian 32-bit words, as the router's
+// partial checksums are.
+uint32_t partial_le32(const uint8_t *p, size_t len)
+{
+	uint64_t s = 0;
+	for (size_t i = 0; i < len; i += 4)
+		s += p[i] | p[i + 1] << 8 | p[i + 2] << 16 | uint32_t(p[i + 3]) << 24;
+	while (s >> 32)
+		s = (s & 0xffffffff) + (s >> 32);
+	return uint32_t(s);
+}
+
+std::string hexline(const char *fmt, unsigned a, unsigned b = 0)
+{
+	char buf[200];
+	snprintf(buf, sizeof(buf), fmt, a, b);
+	return buf;
+}
+
+} // namespace
+
+TEST_F(Forge, AckAndRedirectAnswerTheWholeRequest)
+{
+	const sim::Ip4 ip = client_ip({ 0x94, 0x04, 0x00, 0x00 });
+	const sim::Tcp t = request(400, sim::ACK | sim::PSH | sim::URG | sim::ECE);
+	const Bytes in = sim::ip4_tcp(ip, t);
+	struct sk_buff *skb = rx(in, 30);
+	int refs = kmodel_ct_refs(ct);
+	ASSERT_EQ(0, ack_client(skb));
+	ASSERT_EQ(0, send_blkpage(kUrl, skb));
+	EXPECT_EQ(refs, kmodel_ct_refs(ct));
+	EXPECT_EQ(in, kmodel_skb_bytes(skb));
+
+	sim::Ip4 eip = ip;
+	std::swap(eip.src, eip.dst);
+	eip.ttl = 255, eip.id = 0, eip.frag = 0x4000;
+	sim::Tcp ack;
+	ack.sport = 80, ack.dport = 40000, ack.seq = t.ack, ack.ack = t.seq + 400, ack.flags = sim::ACK;
+	ack.window = t.window, ack.urg_ptr = 0;
+	ASSERT_EQ(2u, sent_ip().size());
+	EXPECT_EQ(sim::hex(sim::ip4_tcp(eip, ack)), sim::hex(sent_ip()[0]));
+	eip.frag = 0; // no DF on the redirect
+	EXPECT_EQ(sim::hex(sim::ip4_tcp(eip, redirect_of(t, 400, kUrl))), sim::hex(sent_ip()[1]));
+	EXPECT_TRUE(kmodel_log().empty());
+}
+
+TEST_F(Forge, RedirectTextBoundsAndBareAck)
+{
+	const std::string long_url(1000, 'x');
+	const sim::Tcp bare = request(0, sim::ACK);
+	for (const std::string &url : { std::string(), long_url }) {
+		r.clear_sent();
+		ASSERT_EQ(0, send_blkpage(url.c_str(), rx(sim::ip4_tcp(client_ip(), bare))));
+		Bytes got = sent_ip().at(0);
+		Bytes text(got.begin() + 40, got.end());
+		EXPECT_EQ(page_for(url), text);
+		sim::Ip4 eip = client_ip();
+		std::swap(eip.src, eip.dst);
+		eip.ttl = 255, eip.id = 0, eip.frag = 0;
+		EXPECT_EQ(sim::hex(sim::ip4_tcp(eip, redirect_of(bare, 0, url))), sim::hex(got));
+	}
+	EXPECT_EQ(1023u, sent_ip()[0].size() - 40);
+	EXPECT_EQ(0, memcmp("HTTP/1.1 302 Found\r\nLocation: \r\nContent-Length", page_for("").data(), 46));
+}
+
+TEST_F(Forge, ResetServerIsAnRstOverIPv4AndAnAckOverIPv6)
+{
+	sim::Tcp s;
+	s.sport = 80, s.dport = 40000, s.seq = 5000, s.ack = 0x0badf00d, s.flags = sim::ACK | sim::PSH;
+	s.payload.assign(100, 'z');
+	sim::Ip4 sip = client_ip();
+	std::swap(sip.src, sip.dst);
+	sim::Ip6 sip6 = client_ip6();
+	std::swap(sip6.src, sip6.dst);
+	ASSERT_EQ(0, reset_server(rx(sim::ip4_tcp(sip, s))));
+	ASSERT_EQ(0, reset_server6(rx(sim::ip6_tcp(sip6, s))));
+
+	sim::Tcp rst;
+	rst.sport = 40000, rst.dport = 80, rst.seq = s.ack, rst.ack = 0, rst.flags = sim::RST;
+	rst.window = s.window, rst.urg_ptr = 0;
+	sim::Ip4 eip = client_ip();
+	eip.ttl = 255, eip.id = 0, eip.frag = 0x4000;
+	sim::Tcp ack6 = rst;
+	ack6.ack = 5100, ack6.flags = sim::ACK;
+	sim::Ip6 eip6 = client_ip6();
+	ASSERT_EQ(2u, sent_ip().size());
+	EXPECT_EQ(sim::hex(sim::ip4_tcp(eip, rst)), sim::hex(sent_ip()[0]));
+	EXPECT_EQ(sim::hex(sim::ip6_tcp(eip6, ack6)), sim::hex(sent_ip()[1]));
+	EXPECT_EQ("eth0", r.sent()[0].dev);
+}
+
+TEST_F(Forge, IPv6AckAndRedirectWithDebugLines)
+{
+	const sim::Ip6 ip = client_ip6();
+	const sim::Tcp t = request(200, sim::ACK | sim::PSH | sim::CWR);
+	struct sk_buff *skb = rx(sim::ip6_tcp(ip, t));
+	ASSERT_EQ(0, ack_client6(skb));
+	ASSERT_EQ(0, send_blkpage6(kUrl, skb));
+
+	sim::Ip6 eip = ip;
+	std::swap(eip.src, eip.dst);
+	sim::Tcp ack;
+	ack.sport = 80, ack.dport = 40000, ack.seq = t.ack, ack.ack = t.seq + 200, ack.flags = sim::ACK;
+	ack.window = t.window, ack.urg_ptr = 0;
+	ASSERT_EQ(2u, sent_ip().size());
+	EXPECT_EQ(sim::hex(sim::ip6_tcp(eip, ack)), sim::hex(sent_ip()[0]));
+	const Bytes red = sent_ip()[1];
+	EXPECT_EQ(sim::hex(sim::ip6_tcp(eip, redirect_of(t, 200, kUrl))), sim::hex(red));
+
+	// The values of the two debug lines, from the bytes on the wire.
+	const uint8_t *th = red.data() + 40;
+	unsigned check = th[16] | th[17] << 8;
+	Bytes pseudo(red.begin() + 8, red.begin() + 40);
+	pseudo.insert(pseudo.end(), { 0, 0, 0, 20, 0, 0, 0, 6 });
+	uint16_t magic = sim::fold_complement(sim::sum16(th, 20, sim::sum16(pseudo.data(), pseudo.size())));
+	Lines want = {
+		hexline("<7>[redirect_packet6]: tcph->check = %x, sizeof(struct tcphdr) = 20, csum_partial = %x\n",
+			check, partial_le32(th, 20)),
+		hexline("<7>[redirect_packet6]: csum_ipv6_magic = %x\n", uint16_t(magic >> 8 | magic << 8)),
+	};
+	EXPECT_EQ(want, kmodel_log());
+
+	// Behind extension headers the redirect is malformed but stays inside
+	// its buffer: 60 header bytes and the text.
+	r.clear_sent();
+	ASSERT_EQ(0, send_blkpage6(kUrl, rx(sim::ip6_tcp(client_ip6({ { 0, { 1, 4, 0, 0, 0, 0 } } }), t))));
+	EXPECT_EQ(60 + page_for(kUrl).size(), sent_ip().at(0).size());
+}
+
+TEST_F(Forge, FailuresLogTheirLinesAndSendNothingBroken)
+{
+	r.route("192.168.3.0/24", r.br1(), KMODEL_OUT_NONE);
+	sim::Ip4 dead = client_ip();
+	dead.src = sim::ip4("192.168.3.30");
+	const std::string none = "<7>[output_packet]: No header cache and no neighbour, output failed!\n\n";
+	sim::Tcp s = request(0);
+	std::swap(s.sport, s.dport);
+
+	EXPECT_EQ(-1, ack_client(rx(sim::ip4_tcp(dead, request(10)))));
+	EXPECT_EQ(-1, send_blkpage(kUrl, rx(sim::ip4_tcp(dead, request(10)))));
+	EXPECT_EQ(-1, reset_server(rx(sim::ip4_tcp(dead, s))));
+	Lines want = { none, "<3>[ack_client]: ACK to client failed\n", none, "<3>[send_blkpage]: send block page failed!\n\n",
+		       none, "<3>[reset_server]: RST to server failed\n\n" };
+	EXPECT_EQ(want, kmodel_log());
+
+	kmodel_log_clear();
+	kmodel_fail_skb_alloc_nth(1);
+	EXPECT_EQ(-1, send_blkpage(kUrl, rx(sim::ip4_tcp(client_ip(), request(10)))));
+	kmodel_fail_skb_alloc_nth(1);
+	EXPECT_EQ(-1, send_blkpage6(kUrl, rx(sim::ip6_tcp(client_ip6(), request(10)))));
+	// Handed an IPv6 segment, the IPv4 acknowledgement refuses it.
+	EXPECT_EQ(-1, ack_client(rx(sim::ip6_tcp(client_ip6(), request(10)))));
+	want = { "<3>[send_blkpage]: skb_copy  error in function send_blkpage!\n\n",
+		 "<3>[send_blkpage6]: skb_copy  error in send_blkpage6!\n\n",
+		 "<7>[rebuild_packet]: Invalid IP header\n" };
+	EXPECT_EQ(want, kmodel_log());
+	EXPECT_TRUE(r.sent().empty());
+}
+
+TEST_F(Forge, RedirectWithoutRouteLeavesByTheInheritedRoute)
+{
+	sim::Ip4 stranger = client_ip();
+	stranger.src = sim::ip4("10.9.9.9");
+	struct sk_buff *skb = rx(sim::ip4_tcp(stranger, request(10)));
+	struct dst_entry *wan = r.route("93.184.216.34", r.wan(), KMODEL_OUT_HH, &sim::kGatewayMac);
+	skb_dst_set(skb, dst_clone(wan));
+	EXPECT_EQ(-1, ack_client(skb));
+	EXPECT_EQ(0, send_blkpage(kUrl, skb));
+	// The inherited route's cached header, on the device it came in by.
+	ASSERT_EQ(1u, r.sent().size());
+	EXPECT_EQ("br0", r.sent()[0].dev);
+	EXPECT_EQ(Bytes(sim::kGatewayMac.begin(), sim::kGatewayMac.end()),
+		  Bytes(r.sent()[0].frame.begin(), r.sent()[0].frame.begin() + 6));
+	EXPECT_EQ(sim::ip4("10.9.9.9"), *(const uint32_t *)&sent_ip()[0][16]);
+}
+
+TEST_F(Forge, HeaderClaimingMissingOptionsCountsNoPayload)
+{
+	// A data offset of 15 words on a bare 20-byte header, checksum right.
+	sim::Tcp liar = request(0);
+	liar.options.clear();
+	Bytes lie = sim::ip4_tcp(client_ip(), liar);
+	lie[20 + 12] = 0xf0;
+	lie[20 + 16] = lie[20 + 17] = 0;
+	Bytes pseudo(lie.begin() + 12, lie.begin() + 20);
+	pseudo.insert(pseudo.end(), { 0, 6, 0, 20 });
+	uint16_t c = sim::fold_complement(sim::sum16(lie.data() + 20, 20, sim::sum16(pseudo.data(), 12)));
+	lie[20 + 16] = c >> 8, lie[20 + 17] = c & 0xff;
+
+	struct sk_buff *skb = rx(lie);
+	ASSERT_EQ(0, ack_client(skb));
+	ASSERT_EQ(0, send_blkpage(kUrl, skb));
+	ASSERT_EQ(2u, sent_ip().size());
+	for (const Bytes &p : sent_ip())
+		EXPECT_EQ(Bytes(lie.begin() + 24, lie.begin() + 28), Bytes(p.begin() + 28, p.begin() + 32))
+			<< "acknowledges the sequence number alone";
+}

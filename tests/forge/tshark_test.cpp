@@ -1,0 +1,117 @@
+// A second dissector judges the forged packets: tshark, with checksum
+// validation on, must find every IPv4 header and TCP checksum good and
+// read back the flags, sequence numbers and the redirect.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <unistd.h>
+
+#include "tests/forge/fixture.h"
+
+#include "forge/answer.h"
+#include "forge/blkpage.h"
+#include "forge/output.h"
+#include "forge/rebuild.h"
+#include "sim/pcap.h"
+
+using namespace forge_test;
+
+namespace {
+
+struct Dissected {
+	std::string ip_check, tcp_check, flags, seq, ack, code, location, window;
+};
+
+std::vector<Dissected> tshark(const std::string &pcap)
+{
+	std::string cmd = "tshark -n -r " + pcap +
+			  " -o ip.check_checksum:TRUE -o tcp.check_checksum:TRUE"
+			  " -o tcp.relative_sequence_numbers:FALSE -T fields -E separator=/t"
+			  " -e ip.checksum.status -e tcp.checksum.status -e tcp.flags -e tcp.seq"
+			  " -e tcp.ack -e http.response.code -e http.location -e tcp.window_size_value"
+			  " 2>/dev/null";
+	std::vector<Dissected> out;
+	FILE *p = popen(cmd.c_str(), "r");
+	if (!p)
+		return out;
+	char line[4096];
+	while (fgets(line, sizeof(line), p)) {
+		std::string l(line);
+		if (!l.empty() && l.back() == '\n')
+			l.pop_back();
+		std::vector<std::string> f;
+		std::stringstream ss(l);
+		std::string item;
+		while (std::getline(ss, item, '\t'))
+			f.push_back(item);
+		f.resize(8);
+		out.push_back({ f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7] });
+	}
+	pclose(p);
+	return out;
+}
+
+} // namespace
+
+TEST_F(Forge, TsharkValidatesForgedSegments)
+{
+	if (system("command -v tshark >/dev/null 2>&1") != 0)
+		GTEST_SKIP() << "tshark is not installed: the wire-format cross-check needs it";
+
+	const char *url = "http://block.example/deny?c=7";
+	const sim::Tcp t = request(400, sim::ACK | sim::PSH);
+	sim::Tcp s = request(100);
+	std::swap(s.sport, s.dport);
+	sim::Ip4 sip = client_ip();
+	std::swap(sip.src, sip.dst);
+	sim::Ip6 sip6 = client_ip6();
+	std::swap(sip6.src, sip6.dst);
+
+	struct sk_buff *req = rx(sim::ip4_tcp(client_ip({ 0x94, 0x04, 0, 0 }), t), 40);
+	ASSERT_EQ(0, ack_client(req));
+	ASSERT_EQ(0, send_blkpage(url, req));
+	ASSERT_EQ(0, output_packet(rebuild_packet(req, 0, REBUILD_FIN_ACK, 1)));
+	ASSERT_EQ(0, reset_server(rx(sim::ip4_tcp(sip, s))));
+	struct sk_buff *req6 = rx(sim::ip6_tcp(client_ip6(), t));
+	ASSERT_EQ(0, ack_client6(req6));
+	ASSERT_EQ(0, send_blkpage6(url, req6));
+	ASSERT_EQ(0, reset_server6(rx(sim::ip6_tcp(sip6, s))));
+
+	std::vector<Bytes> frames;
+	for (const auto &tx : r.sent())
+		frames.push_back(tx.frame);
+	char dir[] = "/tmp/dnshook-forge-XXXXXX";
+	ASSERT_NE(nullptr, mkdtemp(dir));
+	std::string pcap = std::string(dir) + "/forged.pcap";
+	ASSERT_TRUE(sim::pcap_write(pcap, frames, sim::PCAP_ETHERNET));
+	std::vector<Dissected> d = tshark(pcap);
+	unlink(pcap.c_str());
+	rmdir(dir);
+
+	const std::string seq = std::to_string(t.ack), ack = std::to_string(t.seq + 400);
+	const std::string sseq = std::to_string(s.ack);
+	// ip.checksum.status / tcp.checksum.status: 1 is "Good".
+	std::vector<Dissected> want = {
+		{ "1", "1", "0x0010", seq, ack, "", "", "502" },
+		{ "1", "1", "0x0018", seq, ack, "302", url, "65407" },
+		{ "1", "1", "0x0011", seq, std::to_string(t.seq), "", "", "502" },
+		{ "1", "1", "0x0004", sseq, "0", "", "", "502" },
+		{ "", "1", "0x0010", seq, ack, "", "", "502" },
+		{ "", "1", "0x0018", seq, ack, "302", url, "65407" },
+		{ "", "1", "0x0010", sseq, std::to_string(s.seq + 100), "", "", "502" },
+	};
+	ASSERT_EQ(want.size(), d.size()) << "tshark read a different number of packets";
+	for (size_t i = 0; i < want.size(); i++) {
+		SCOPED_TRACE(testing::Message() << "packet " << i + 1);
+		EXPECT_EQ(want[i].ip_check, d[i].ip_check);
+		EXPECT_EQ(want[i].tcp_check, d[i].tcp_check);
+		EXPECT_EQ(want[i].flags, d[i].flags);
+		EXPECT_EQ(want[i].seq, d[i].seq);
+		EXPECT_EQ(want[i].ack, d[i].ack);
+		EXPECT_EQ(want[i].code, d[i].code);
+		EXPECT_EQ(want[i].location, d[i].location);
+		EXPECT_EQ(want[i].window, d[i].window);
+	}
+}
