@@ -95,7 +95,9 @@ Router::~Router() { unload(); }
 int Router::load()
 {
 	int ret = init_module();
-	loaded_ = true; // a failed load leaves its steps in place; unload still runs
+	// As insmod: a module whose init failed is never unloaded; what its
+	// earlier steps set up stays behind.
+	loaded_ = ret == 0;
 	return ret;
 }
 

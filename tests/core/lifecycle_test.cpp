@@ -2,6 +2,7 @@
 // when a step fails.
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -9,6 +10,7 @@
 #include "core/switch_files.h"
 #include "kmodel/host.h"
 #include "linux/module.h"
+#include "linux/slab.h"
 #include "sim/router.h"
 
 namespace {
@@ -16,9 +18,25 @@ namespace {
 using Lines = std::vector<std::string>;
 
 const Lines kLoadLog = {
-	"<6>[init]: tcp_init ok\n",  "<6>[init]: dns_init ok\n", "<6>[init]: pct_init ok\n",
-	"<6>[init]: pct6_init ok\n", "<6>[init]: ssl_init ok\n", "<6>[init]: ssl6_init ok\n",
+	"<6>[cbt_tcp_init]: init tcp module ..\n", "<6>[init]: tcp_init ok\n",
+	"<6>[dns_init]: init dns module ..\n",     "<6>[init]: dns_init ok\n",
+	"<6>[pct_init]: init pct module ..\n",     "<6>[init]: pct_init ok\n",
+	"<6>[pct6_init]: init pct module ..\n",    "<6>[init]: pct6_init ok\n",
+	"<6>[ssl_init]: init ssl module ..\n",     "<6>[init]: ssl_init ok\n",
+	"<6>[ssl6_init]: init ssl module ..\n",    "<6>[init]: ssl6_init ok\n",
 };
+
+const Lines kTablesFiniLog = {
+	"<6>[ssl_fini]: exit ssl module ..\n",  "<6>[pct_fini]: exit pct module ..\n",
+	"<6>[ssl6_fini]: exit ssl module ..\n", "<6>[pct6_fini]: exit pct module ..\n",
+	"<6>[dns_fini]: exit dns module ..\n",  "<6>[cbt_tcp_fini]: exit tcp module ..\n",
+};
+
+Lines concat(Lines a, const Lines &b)
+{
+	a.insert(a.end(), b.begin(), b.end());
+	return a;
+}
 
 bool is_prefix(const Lines &a, const Lines &b)
 {
@@ -76,8 +94,8 @@ TEST(Lifecycle, UnloadWithServicesOffAndOn)
 		ASSERT_EQ(0, r.load());
 		kmodel_log_clear();
 		r.unload();
-		EXPECT_EQ((Lines{ "<4>[wp_unhook]: hook already unregistered\n",
-				  "<4>[pcg_unhook]: hook already unregistered\n" }),
+		EXPECT_EQ(concat(kTablesFiniLog, { "<4>[wp_unhook]: hook already unregistered\n",
+						   "<4>[pcg_unhook]: hook already unregistered\n" }),
 			  kmodel_log());
 		EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
 		EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
@@ -93,8 +111,8 @@ TEST(Lifecycle, UnloadWithServicesOffAndOn)
 		EXPECT_EQ(3u, kmodel_nf_hooks(PF_INET, NF_INET_FORWARD).size());
 		kmodel_log_clear();
 		r.unload();
-		EXPECT_EQ((Lines{ "<6>[wp_unhook]: exit netfiler hook on demand\n",
-				  "<6>[pcg_unhook]: Parental Control => Disable\n" }),
+		EXPECT_EQ(concat(kTablesFiniLog, { "<6>[wp_unhook]: exit netfiler hook on demand\n",
+						   "<6>[pcg_unhook]: Parental Control => Disable\n" }),
 			  kmodel_log());
 		EXPECT_TRUE(kmodel_nf_hooks(PF_INET, NF_INET_FORWARD).empty());
 		EXPECT_TRUE(kmodel_nf_hooks(PF_INET6, NF_INET_FORWARD).empty());
@@ -104,8 +122,9 @@ TEST(Lifecycle, UnloadWithServicesOffAndOn)
 }
 
 // Every allocation of the load, failed in turn: the load stops at once with
-// -14, its log is the successful log up to one "fail" line, and whatever
-// was set up before stays in place.
+// -14 after the failing step's line, the log before it is the successful
+// log up to that step (plus the table's own failure line), and nothing set
+// up before is undone. Every list and table step is reached this way.
 TEST(Lifecycle, EachAllocationFailingStopsTheLoad)
 {
 	long allocs;
@@ -114,23 +133,54 @@ TEST(Lifecycle, EachAllocationFailingStopsTheLoad)
 		ASSERT_EQ(0, r.load());
 		allocs = kmodel_alloc_stats_get().total_allocs;
 	}
+	std::set<std::string> failed_steps;
 	for (long n = 1; n <= allocs; n++) {
+		SCOPED_TRACE("allocation " + std::to_string(n));
 		sim::Router r;
 		kmodel_fail_alloc_nth(n);
-		int ret = r.load();
-		if (ret == 0)
-			continue; // a step that tolerates the failure (the channel)
-		SCOPED_TRACE("allocation " + std::to_string(n));
-		EXPECT_EQ(-14, ret);
+		ASSERT_EQ(-14, r.load());
 		Lines log = kmodel_log();
 		ASSERT_FALSE(log.empty());
 		std::string last = log.back();
 		log.pop_back();
-		EXPECT_TRUE(last.rfind("<3>[init]: ", 0) == 0 && last.find(" fail\n") != std::string::npos) << last;
-		EXPECT_TRUE(is_prefix(log, kLoadLog));
+		ASSERT_EQ(0u, last.rfind("<3>[init]: ", 0)) << last;
+		failed_steps.insert(last);
+		// Everything logged before the step's line is the successful log up
+		// to that step, but for the failing table's own "<3>" line.
+		Lines ok_part;
+		for (const auto &l : log)
+			if (l.rfind("<3>", 0) != 0)
+				ok_part.push_back(l);
+		EXPECT_TRUE(is_prefix(ok_part, kLoadLog));
+		EXPECT_LE(log.size(), ok_part.size() + 1);
+		EXPECT_EQ(n - 1, kmodel_alloc_stats_get().live_blocks); // nothing freed
 		EXPECT_TRUE(kmodel_nf_hooks(PF_INET, NF_INET_FORWARD).empty());
 		EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
-		r.unload();
+	}
+	EXPECT_EQ((std::set<std::string>{
+			  "<3>[init]: tblock_init fail\n", "<3>[init]: unblock_init fail\n",
+			  "<3>[init]: tcp_init fail\n", "<3>[init]: dns_init fail\n",
+			  "<3>[init]: pct_init fail\n", "<3>[init]: pct6_init fail\n",
+			  "<3>[init]: ssl_init fail\n", "<3>[init]: ssl6_init fail\n" }),
+		  failed_steps);
+}
+
+TEST(Lifecycle, DnsTableFailureKeepsTheHttpTables)
+{
+	// The load's allocations up to the DNS table: lists, then the HTTP tables.
+	long before_dns;
+	{
+		sim::Router r;
+		kmodel_fail_alloc_flags(GFP_ATOMIC); // harmless: the load uses GFP_KERNEL
+		for (before_dns = 1;; before_dns++) {
+			kmodel_reset();
+			kmodel_fail_alloc_nth(before_dns);
+			if (init_module() == -14 && kmodel_log().back() == "<3>[init]: dns_init fail\n")
+				break;
+			ASSERT_LT(before_dns, 1000);
+		}
+		EXPECT_EQ("<6>[init]: tcp_init ok\n", kmodel_log()[kmodel_log().size() - 3]);
+		EXPECT_EQ(before_dns - 1, kmodel_alloc_stats_get().live_blocks);
 	}
 }
 
@@ -161,7 +211,7 @@ TEST(Lifecycle, SwitchFileFailuresReturnNoMemory)
 {
 	{
 		sim::Router r;
-		kmodel_fail_proc_create_nth(1);
+		kmodel_fail_proc_create_nth(3); // after the two list files
 		EXPECT_EQ(-12, r.load());
 		EXPECT_EQ("<3>[create_proc]: create proc entry failed!\n", kmodel_log().back());
 		EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
@@ -171,7 +221,7 @@ TEST(Lifecycle, SwitchFileFailuresReturnNoMemory)
 	}
 	{
 		sim::Router r;
-		kmodel_fail_proc_create_nth(2);
+		kmodel_fail_proc_create_nth(4);
 		EXPECT_EQ(-12, r.load());
 		EXPECT_TRUE(kmodel_proc_exists("wl_warning_page")); // not unwound
 		EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
