@@ -117,8 +117,6 @@ TEST_F(Channel, SendFramesThePayloadForGroupOne)
 	}
 	EXPECT_TRUE(other.read().empty());
 
-	sim::NetlinkPeer *none = nullptr;
-	(void)none;
 	daemon.set_rcvbuf(0); // a full daemon is no failure of ours
 	EXPECT_EQ(0, send_to_user(0, data.data(), 576));
 
