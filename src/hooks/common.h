@@ -1,0 +1,44 @@
+#pragma once
+// What the forward hooks share: the service mode, the bridge names, the
+// TCP flag tests, the client's MAC and the per-device checks.
+#include "linux/netdevice.h"
+#include "linux/skbuff.h"
+#include "linux/tcp.h"
+#include "linux/types.h"
+
+// Service mode bits, from the two switch flags.
+#define MODE_WP 1
+#define MODE_PC 2
+
+int service_mode(void);
+
+// Does the device's name begin with the three characters of name ("br0",
+// "br1")? A NULL device never does.
+int dev_is(const struct net_device *dev, const char *name);
+
+// The three flag bits ACK, SYN and FIN as a group; other flags are not
+// looked at.
+int tcp_pure_syn(const struct tcphdr *th);
+int tcp_pure_ack(const struct tcphdr *th);
+int tcp_fin_ack(const struct tcphdr *th);
+
+// The Ethernet source address of the packet's frame; six zero bytes when
+// the frame's header is not inside the buffer.
+const u8 *client_mac(const struct sk_buff *skb);
+
+// 1 when the daemon marked the packet's connection white, 0 when not, -1
+// (logged) when the packet has no connection-tracking entry.
+int is_white_conn(const struct sk_buff *skb);
+
+enum device_verdict {
+	DEVICE_PASS,     // exempted, or time-blocked on a white connection
+	DEVICE_UNLISTED, // in neither list
+	DEVICE_BLOCKED,  // time-blocked (or no conntrack to tell)
+};
+
+// Does the device have a live exemption? An expired one is deleted.
+int device_exempted(const struct sk_buff *skb);
+
+// The unblock list first (an expired exemption is deleted on the way),
+// then the time-block list, then the connection's white mark.
+enum device_verdict check_device(const struct sk_buff *skb);
