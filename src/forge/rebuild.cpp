@@ -140,8 +140,9 @@ struct sk_buff *rebuild_packet6(struct sk_buff *skb, s32 len, unsigned int flags
 	unsigned int tcplen;
 
 	ip6h = (struct ipv6hdr *)skb_header_pointer(skb, 0, sizeof(_ip6h), &_ip6h);
-	// The TCP header must lie inside the packet, behind the fixed header.
-	if (!ip6h || skb->len < REBUILD6_LEN || thoff < IPV6_HDRLEN ||
+	// The TCP header must lie inside the packet, behind the fixed header,
+	// on a 32-bit boundary as every extension header chain leaves it.
+	if (!ip6h || skb->len < REBUILD6_LEN || thoff < IPV6_HDRLEN || (thoff & 3) ||
 	    thoff > (int)skb->len - TCP_HDRLEN) {
 		printk(KERN_DEBUG "[%s]: Invalid IP header\n", __func__);
 		return NULL;
