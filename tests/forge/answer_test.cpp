@@ -9,6 +9,7 @@
 
 #include "forge/answer.h"
 #include "forge/blkpage.h"
+#include "forge/segment.h"
 #include "net/dst.h"
 
 using namespace forge_test;
@@ -69,6 +70,11 @@ TEST_F(Forge, AckAndRedirectAnswerTheWholeRequest)
 	ASSERT_EQ(0, send_blkpage(kUrl, skb));
 	EXPECT_EQ(refs, kmodel_ct_refs(ct));
 	EXPECT_EQ(in, kmodel_skb_bytes(skb));
+	// Unlike a reverse rebuild, the redirect keeps the copy's conntrack reference.
+	struct sk_buff *copy = skb_copy_room(skb, BLKPAGE_LEN);
+	ASSERT_EQ(0, redirect_packet(copy, "x"));
+	EXPECT_EQ(&ct->ct_general, copy->nfct);
+	kfree_skb(copy);
 
 	sim::Ip4 eip = ip;
 	std::swap(eip.src, eip.dst);
