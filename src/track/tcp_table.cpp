@@ -54,13 +54,10 @@ static int tcp_match6(const struct tcp_tracking *rec, const struct ipv6hdr *ip6h
 	       rec->sport == th->dest && rec->dport == th->source;
 }
 
-// Until the model's packet operations are linked in.
-static void kfree_skb_pending(struct sk_buff *) {}
-
 static void tcp_drop_held(struct tcp_tracking *rec)
 {
 	if (rec->held_skb) {
-		kfree_skb_pending(rec->held_skb);
+		kfree_skb(rec->held_skb);
 		rec->held_skb = NULL;
 	}
 }

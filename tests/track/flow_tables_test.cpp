@@ -1,0 +1,366 @@
+// The DNS name cache, the non-HTTP and the HTTPS flow tables: their keys,
+// matches, sweep rules and log lines.
+#include <gtest/gtest.h>
+#include <arpa/inet.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "kmodel/host.h"
+#include "linux/ip.h"
+#include "linux/ipv6.h"
+#include "linux/skbuff.h"
+#include "track/dns_table.h"
+#include "track/pct_table.h"
+#include "track/ssl_table.h"
+#include "track/tcp_table.h"
+#include "track_view.h"
+
+using namespace track_test;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+__be32 ip4(const char *s)
+{
+	__be32 a;
+	inet_pton(AF_INET, s, &a);
+	return a;
+}
+
+struct Addr6 {
+	u8 b[16];
+	explicit Addr6(const char *s) { inet_pton(AF_INET6, s, b); }
+};
+
+dns_info query(const char *name, const char *client)
+{
+	dns_info info{};
+	strcpy(info.name, name);
+	info.client = ip4(client);
+	return info;
+}
+
+class Tables : public ::testing::Test {
+protected:
+	void SetUp() override
+	{
+		kmodel_reset();
+		ASSERT_EQ(0, dns_init());
+		ASSERT_EQ(0, pct_init());
+		ASSERT_EQ(0, pct6_init());
+		ASSERT_EQ(0, ssl_init());
+		ASSERT_EQ(0, ssl6_init());
+		EXPECT_EQ((Lines{ "<6>[dns_init]: init dns module ..\n", "<6>[pct_init]: init pct module ..\n",
+				  "<6>[pct6_init]: init pct module ..\n", "<6>[ssl_init]: init ssl module ..\n",
+				  "<6>[ssl6_init]: init ssl module ..\n" }),
+			  kmodel_log());
+		kmodel_log_clear();
+	}
+	void TearDown() override
+	{
+		ssl_fini();
+		pct_fini();
+		ssl6_fini();
+		pct6_fini();
+		dns_fini();
+		EXPECT_EQ(0, kmodel_alloc_stats_get().live_blocks);
+	}
+};
+
+TEST(TableInit, FailuresAndFiniLines)
+{
+	struct { int (*init)(void); const char *line; } cases[] = {
+		{ dns_init, "<3>[dns_init]: Init DNS module failed\n\n" },
+		{ pct_init, "<3>[pct_init]: init pct module failed\n" },
+		{ pct6_init, "<3>[pct6_init]: init pct module failed\n" },
+		{ ssl_init, "<3>[ssl_init]: init ssl moudle failed!\n" },
+		{ ssl6_init, "<3>[ssl6_init]: init ssl6 moudle failed!\n" },
+	};
+	for (auto &c : cases) {
+		kmodel_reset();
+		kmodel_fail_alloc_nth(1);
+		EXPECT_EQ(-1, c.init());
+		EXPECT_EQ(Lines{ c.line }, kmodel_log());
+	}
+	EXPECT_EQ(nullptr, dns_table);
+	EXPECT_EQ(nullptr, ssl6_table);
+	kmodel_reset();
+	ssl_fini();
+	pct_fini();
+	ssl6_fini();
+	pct6_fini();
+	dns_fini();
+	EXPECT_EQ((Lines{ "<6>[ssl_fini]: exit ssl module ..\n", "<6>[pct_fini]: exit pct module ..\n",
+			  "<6>[ssl6_fini]: exit ssl module ..\n", "<6>[pct6_fini]: exit pct module ..\n",
+			  "<6>[dns_fini]: exit dns module ..\n" }),
+		  kmodel_log());
+}
+
+TEST_F(Tables, DnsCacheMatchesPrefixesAndKeepsOneEntryPerQuery)
+{
+	EXPECT_EQ(nullptr, dns_find("www.example.com"));
+	EXPECT_EQ(nullptr, dns_find(""));
+	dns_info q = query("www.example.com", "192.168.1.2");
+	dns_add(&q);
+	dns_entry *first = dns_find("www.example.com");
+	ASSERT_NE(nullptr, first);
+	EXPECT_EQ(q.client, first->client);
+	EXPECT_EQ(2, atomic_read(&first->refcnt));
+	EXPECT_EQ(0, first->state);
+
+	// A second client's query is a second entry, in front of the first.
+	dns_info q2 = query("www.example.com", "192.168.1.3");
+	dns_add(&q2);
+	dns_entry *second = dns_find("www.example.com");
+	EXPECT_NE(first, second);
+	EXPECT_EQ(q2.client, second->client);
+
+	// Prefix keys: "www.example.co" falls in bucket 63, the full name in 125.
+	EXPECT_EQ(nullptr, dns_find("www.example.co"));
+	// A longer name in the key's own bucket is matched by the key.
+	dns_info longer = query("", "192.168.1.2");
+	for (int i = 0; i < 100000 && (!longer.name[0] || dns_hash(longer.name, (int)strlen(longer.name)) != dns_hash("q", 1)); i++)
+		snprintf(longer.name, sizeof(longer.name), "q%d", i);
+	dns_add(&longer);
+	dns_entry *hit = dns_find("q");
+	ASSERT_NE(nullptr, hit);
+	EXPECT_STREQ(longer.name, hit->name);
+
+	// The empty key matches the first entry of bucket 0, whatever its name.
+	dns_info zero = query("", "10.0.0.1");
+	for (int i = 0; i < 100000 && (!zero.name[0] || dns_hash(zero.name, (int)strlen(zero.name)) != 0); i++)
+		snprintf(zero.name, sizeof(zero.name), "zz%d", i);
+	dns_add(&zero);
+	ASSERT_NE(nullptr, dns_find(""));
+	EXPECT_STREQ(zero.name, dns_find("")->name);
+
+	// Names are cut to 255 bytes.
+	dns_info big{};
+	memset(big.name, 'x', 255);
+	dns_add(&big);
+	dns_entry *e = dns_find(std::string(255, 'x').c_str());
+	ASSERT_NE(nullptr, e);
+	EXPECT_EQ(0, e->name[255]);
+	check_invariant(&dns_table->pool, dns_table->slots);
+}
+
+TEST_F(Tables, FullDnsCacheLogsAndEvictsTheOldestUnrefreshed)
+{
+	for (int i = 0; i < 100; i++) {
+		dns_info q = query(("n" + std::to_string(i) + ".example").c_str(), "192.168.1.2");
+		dns_add(&q);
+	}
+	EXPECT_TRUE(kmodel_log().empty());
+	dns_update_timeout(dns_find("n0.example"));
+	dns_info q = query("late.example", "192.168.1.2");
+	dns_add(&q);
+	EXPECT_EQ(Lines{ "<7>[dns_add]: dns table is full, delete oldest dns entry\n" }, kmodel_log());
+	EXPECT_NE(nullptr, dns_find("n0.example"));
+	EXPECT_EQ(nullptr, dns_find("n1.example"));
+	dns_entry *late = dns_find("late.example");
+	EXPECT_EQ(dns_table->slots + 1, late);
+	EXPECT_EQ(std::string(sizeof(late->addrs), '\0'), std::string((char *)late->addrs, sizeof(late->addrs)));
+
+	// Expiry waits for check_period even when entries are stale.
+	dns_delete(late);
+	EXPECT_EQ(0u, late->node.expires);
+	EXPECT_EQ(LIST_POISON1, late->node.age_link.next);
+	kmodel_set_jiffies(check_period - 1);
+	dns_add(&q);
+	EXPECT_NE(nullptr, dns_find("n2.example"));
+	kmodel_advance_jiffies(2);
+	dns_add(&q);
+	EXPECT_EQ(nullptr, dns_find("n2.example"));
+	EXPECT_NE(nullptr, dns_find("late.example"));
+	check_invariant(&dns_table->pool, dns_table->slots);
+}
+
+TEST_F(Tables, FlowRecordsKeptThroughSweepsButNotEviction)
+{
+	pct_add("update.example", ip4("203.0.113.1"), 1);
+	pct_add("plain.example", ip4("203.0.113.2"), 0);
+	pct_tracking *kept = pct_find(ip4("203.0.113.1"));
+	ASSERT_NE(nullptr, kept);
+	EXPECT_EQ(1, kept->keep);
+	EXPECT_STREQ("update.example", kept->host);
+	EXPECT_EQ(jiffies + 600000, kept->node.expires);
+	kmodel_advance_jiffies(600001);
+	pct_add("fresh.example", ip4("203.0.113.3"), 0);
+	// The sweep stepped over the expired kept record and freed the one behind it.
+	EXPECT_EQ(kept, pct_find(ip4("203.0.113.1")));
+	EXPECT_EQ(nullptr, pct_find(ip4("203.0.113.2")));
+	for (int i = 0; i < 5; i++) {
+		kmodel_advance_jiffies(700000);
+		pct_add("x.example", ip4(("198.51.100." + std::to_string(i)).c_str()), 0);
+	}
+	EXPECT_EQ(kept, pct_find(ip4("203.0.113.1")));
+	// Full with nothing expired: the kept record is the oldest and goes, silently.
+	for (int i = 0; i < 99; i++)
+		pct_add("y.example", ip4(("10.1.0." + std::to_string(i)).c_str()), 0);
+	EXPECT_EQ(nullptr, pct_find(ip4("203.0.113.1")));
+	EXPECT_TRUE(kmodel_log().empty());
+	check_invariant(&pct_table->pool, pct_table->slots);
+
+	// Duplicates: find returns the newer one.
+	pct_add("one.example", ip4("10.9.9.9"), 0);
+	pct_add("two.example", ip4("10.9.9.9"), 0);
+	EXPECT_STREQ("two.example", pct_find(ip4("10.9.9.9"))->host);
+}
+
+TEST_F(Tables, FlowTablesKeepTheirOwnDeadlines)
+{
+	Addr6 a("2001:db8::1");
+	pct6_add("six.example", a.b, 0);
+	kmodel_advance_jiffies(600001);
+	pct_add("four.example", ip4("10.0.0.1"), 0); // sweeps the IPv4 table only
+	EXPECT_EQ(jiffies + 600000, pct_next_sweep);
+	Addr6 b("2001:db8::2");
+	pct6_add("six.example", b.b, 0);
+	EXPECT_EQ(nullptr, pct6_find(a.b));
+	EXPECT_NE(nullptr, pct6_find(b.b));
+}
+
+TEST_F(Tables, IPv6FlowBucketIsTheFourthByteOnly)
+{
+	pct6_hash_seed = 0x0badcafe;
+	Addr6 x("2001:0db8:1111:2222:3333:4444:5555:6666"); // byte 3 is 0xb8
+	Addr6 y("fe80:00b8::1");                              // byte 3 is 0xb8 too
+	pct6_add("x.example", x.b, 0);
+	pct6_add("y.example", y.b, 0);
+	View v = view(&pct6_table->pool, pct6_table->slots);
+	EXPECT_EQ((std::vector<int>{ 1, 0 }), v.buckets[pct6_hash(0xb8)]);
+	EXPECT_STREQ("x.example", pct6_find(x.b)->host);
+	EXPECT_STREQ("y.example", pct6_find(y.b)->host);
+	Addr6 z("2001:0db9:1111:2222:3333:4444:5555:6666"); // differs in byte 3 only
+	EXPECT_EQ(nullptr, pct6_find(z.b));
+}
+
+TEST_F(Tables, HttpsRecordsBothWaysForIPv4AndByDestinationForIPv6)
+{
+	iphdr up{}, down{};
+	up.saddr = down.daddr = ip4("192.168.1.2");
+	up.daddr = down.saddr = ip4("198.51.100.7");
+	ssl_add(up.saddr, up.daddr, "secure.example", STATE_ESTAB);
+	ssl_tracking *rec = ssl_find(&up);
+	ASSERT_NE(nullptr, rec);
+	EXPECT_EQ(rec, ssl_find(&down));
+	EXPECT_EQ(STATE_ESTAB, rec->state);
+	EXPECT_EQ(0, rec->trust);
+	EXPECT_EQ(nullptr, ssl_find_with_trust(&up));
+	ssl_update_trust(rec, 1);
+	EXPECT_EQ(rec, ssl_find_with_trust(&down));
+	EXPECT_EQ(4, atomic_read(&rec->refcnt));
+	sk_buff skb{};
+	EXPECT_EQ(-1, ssl_update_nfconn(rec, &skb));
+	EXPECT_EQ(nullptr, rec->nfconn);
+
+	// IPv6: the all-zero client stands for any client; the bucket is the
+	// low seven bits of the destination's byte 12.
+	ipv6hdr to_server{}, to_client{};
+	Addr6 server("2001:db8:5::8500:1"), any("::"), host("2001:db8:1::7:1");
+	memcpy(&to_server.saddr, host.b, 16);
+	memcpy(&to_server.daddr, server.b, 16);
+	to_client.saddr = to_server.daddr;
+	to_client.daddr = to_server.saddr;
+	ssl6_add(any.b, server.b, "six.example", STATE_ESTAB);
+	EXPECT_EQ(1u, view(&ssl6_table->pool, ssl6_table->slots).buckets[0x85 & 127].size());
+	ssl6_tracking *rec6 = ssl6_find(&to_server);
+	ASSERT_NE(nullptr, rec6);
+	EXPECT_EQ(nullptr, ssl6_find(&to_client)) << "looked up in the client's bucket";
+	// A client address with the same byte 12 lands in the record's bucket.
+	Addr6 lucky("2001:db8:2::5:1");
+	lucky.b[12] = 0x05;
+	memcpy(&to_client.daddr, lucky.b, 16);
+	EXPECT_EQ(rec6, ssl6_find(&to_client));
+
+	// Withdrawing trust logs one line per record with its bucket number.
+	ssl_add(ip4("192.168.1.3"), ip4("198.51.100.8"), "b.example", 2);
+	ssl_add(ip4("192.168.1.3"), ip4("198.51.100.9"), "c.example", 2);
+	for (int b = 0; b < 128; b++) {
+		list_head *p;
+		list_for_each(p, &ssl_table->pool.buckets[b])
+			list_entry(p, ssl_tracking, node.hash_link)->trust = 1;
+	}
+	kmodel_log_clear();
+	ssl_delete_all(0);
+	auto bucket = [](const char *c, const char *s) { return (ip4(c) + ip4(s)) & 127; };
+	Lines want;
+	struct { u32 b; int added; const char *host; } recs[] = {
+		{ bucket("192.168.1.2", "198.51.100.7"), 0, "secure.example" },
+		{ bucket("192.168.1.3", "198.51.100.8"), 1, "b.example" },
+		{ bucket("192.168.1.3", "198.51.100.9"), 2, "c.example" },
+	};
+	// Buckets in order; within one, the newest record first.
+	std::sort(std::begin(recs), std::end(recs),
+		  [](auto &l, auto &r) { return l.b != r.b ? l.b < r.b : l.added > r.added; });
+	for (auto &r : recs)
+		want.push_back("<7>[ssl_delete_all]: clear ssl tracking[" + std::to_string(r.b) + "], host=" + r.host + "\n");
+	EXPECT_EQ(want, kmodel_log());
+	EXPECT_EQ(nullptr, ssl_find_with_trust(&up));
+	EXPECT_EQ(rec, ssl_find(&up));
+	ssl_delete_all(1);
+	EXPECT_EQ(nullptr, ssl_find(&up));
+	EXPECT_EQ(100u, view(&ssl_table->pool, ssl_table->slots).free_list.size());
+	kmodel_log_clear();
+	ssl6_delete_all(0);
+	EXPECT_EQ(Lines{ "<7>[ssl6_delete_all]: clear ssl tracking[5], host=six.example\n" }, kmodel_log());
+	check_invariant(&ssl6_table->pool, ssl6_table->slots);
+}
+
+// A million operations over every table after init: the accounting
+// allocator sees no allocation and no release.
+TEST(TableMemory, NoAllocationAfterInit)
+{
+	kmodel_reset();
+	ASSERT_EQ(0, cbt_tcp_init());
+	ASSERT_EQ(0, dns_init());
+	ASSERT_EQ(0, pct_init());
+	ASSERT_EQ(0, pct6_init());
+	ASSERT_EQ(0, ssl_init());
+	ASSERT_EQ(0, ssl6_init());
+	kmodel_alloc_stats before = kmodel_alloc_stats_get();
+	std::mt19937 rng(5);
+	iphdr ip{};
+	ipv6hdr ip6{};
+	tcphdr th{};
+	dns_info q{};
+	for (int i = 0; i < 1000000; i++) {
+		u32 r = rng();
+		ip.saddr = r & 0x0f0f;
+		ip.daddr = r & 0xf0f000;
+		ip6.saddr.s6_addr[15] = (u8)r;
+		ip6.daddr.s6_addr[12] = (u8)(r >> 8);
+		th.source = (u16)(r >> 16);
+		th.dest = htons(80);
+		snprintf(q.name, sizeof(q.name), "n%u.example", r % 500);
+		switch (r % 12) {
+		case 0: if (!tcp_find(&ip, &th)) tcp_add(&ip, &th); break;
+		case 1: if (tcp_tracking *t = tcp_find(&ip, &th)) tcp_update_timeout(t); break;
+		case 2: if (tcp_tracking *t = tcp_find6(&ip6, &th)) tcp_delete6(t); else tcp_add6(&ip6, &th); break;
+		case 3: if (dns_entry *e = dns_find(q.name)) dns_update_timeout(e); else dns_add(&q); break;
+		case 4: pct_add(q.name, ip.daddr, r & 1); break;
+		case 5: if (pct_tracking *p = pct_find(ip.daddr)) pct_delete(p); break;
+		case 6: pct6_add(q.name, ip6.daddr.s6_addr, 0); break;
+		case 7: ssl_add(ip.saddr, ip.daddr, q.name, 2); break;
+		case 8: if (ssl_tracking *s = ssl_find_with_trust(&ip)) ssl_update_timeout(s); break;
+		case 9: ssl6_add(ip6.saddr.s6_addr, ip6.daddr.s6_addr, q.name, 2); break;
+		case 10: if (tcp_tracking *t = tcp_find(&ip, &th)) tcp_delete(t); break;
+		case 11: kmodel_advance_jiffies(r % 2000); break;
+		}
+	}
+	kmodel_alloc_stats after = kmodel_alloc_stats_get();
+	EXPECT_EQ(before.live_blocks, after.live_blocks);
+	EXPECT_EQ(before.total_allocs, after.total_allocs);
+	check_invariant(&dns_table->pool, dns_table->slots);
+	check_invariant(&ssl6_table->pool, ssl6_table->slots);
+	ssl_fini();
+	pct_fini();
+	ssl6_fini();
+	pct6_fini();
+	dns_fini();
+	cbt_tcp_fini();
+}
+
+} // namespace
