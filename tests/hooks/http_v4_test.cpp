@@ -1,0 +1,396 @@
+// IPv4 HTTP conversations through the forward hook and the verdict
+// dispatcher, with a scripted daemon.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "tests/hooks/http_fixture.h"
+
+#include "lists/unblock.h"
+#include "net/netfilter/nf_conntrack.h"
+#include "sim/pcap.h"
+
+using namespace http_test;
+
+namespace {
+
+const char kPassLine[] = "<7>[receive_from_user]: [%s]HTTP: connection=[%s - 93.184.216.34] --> %s\n";
+
+std::string line(const char *fmt, const char *svc, const char *verdict,
+		 const char *client = "192.168.1.10")
+{
+	char buf[256];
+	snprintf(buf, sizeof(buf), fmt, svc, client, verdict);
+	return buf;
+}
+
+} // namespace
+
+// For each service mode: the request goes out whole, a PASS replays the
+// held copy to the server, and the record is forgotten at the next packet.
+TEST_F(HttpScenario, PassReplaysTheHeldRequestInEveryMode)
+{
+	struct Case {
+		bool wp, pc, br1;
+		uint32_t service;
+		const char *tag;
+	} cases[] = {
+		{ true, false, false, RATING_WP_REQUEST, "WP" },
+		{ false, true, false, RATING_PC_REQUEST, "PC" },
+		{ true, true, false, RATING_WP_REQUEST, "WP" },
+		{ true, true, true, RATING_PC_REQUEST, "PC" }, // br1 is rated by PC
+	};
+	uint16_t port = 41000;
+	for (const Case &k : cases) {
+		SCOPED_TRACE(std::string(k.tag) + (k.br1 ? " on br1" : ""));
+		services(k.wp, k.pc);
+		lan = k.br1 ? r.br1() : r.br0();
+		Conn c;
+		c.cport = port++;
+		if (k.br1)
+			c.client = kClientBr1;
+		handshake(c);
+		ASSERT_NE(nullptr, record(c));
+		EXPECT_EQ(STATE_ESTAB, record(c)->state);
+
+		std::string req = get_request("www.example.com", "/index.html?q=1");
+		Bytes request = c.up(sim::ACK | sim::PSH, req);
+		sim::Verdict v = up(request);
+		EXPECT_TRUE(v.accepted()) << "the request itself goes on to the server";
+		EXPECT_EQ(request, v.packet);
+		EXPECT_EQ(STATE_RATING, record(c)->state);
+
+		auto reqs = daemon.requests();
+		ASSERT_EQ(1u, reqs.size());
+		bool pc = k.service == RATING_PC_REQUEST;
+		EXPECT_EQ(expected_request(c, k.service, "/index.html?q=1", "www.example.com",
+					   pc ? &sim::kClientMac : nullptr),
+			  bytes_of(reqs[0]));
+
+		// Held back while rated, both ways.
+		EXPECT_FALSE(down(c.down(sim::ACK)).accepted());
+		EXPECT_FALSE(up(c.up(sim::ACK)).accepted());
+
+		daemon.reply(reqs[0], PASS);
+		EXPECT_EQ(Lines{ line(kPassLine, k.tag, "PASS", k.br1 ? "192.168.2.10" : "192.168.1.10") }, kmodel_log());
+		auto replay = to_server();
+		ASSERT_EQ(1u, replay.size());
+		EXPECT_EQ(request, replay[0]) << "the held copy is the request, byte for byte";
+		EXPECT_EQ(STATE_PASS, record(c)->state);
+		EXPECT_EQ(nullptr, record(c)->held_skb);
+
+		size_t free_before = free_slots(tcp_table);
+		EXPECT_TRUE(down(c.down(sim::ACK | sim::PSH, "HTTP/1.1 200 OK\r\n\r\n")).accepted());
+		EXPECT_EQ(nullptr, record(c)) << "forgotten at the next packet";
+		EXPECT_EQ(free_before + 1, free_slots(tcp_table));
+		EXPECT_TRUE(up(c.up(sim::ACK)).accepted());
+		EXPECT_EQ(0, kmodel_skb_stats_get().live);
+	}
+}
+
+// BLOCK: the client gets an ACK and the byte-exact redirect (tshark checks
+// the checksums), the server is reset, and the filter closes the
+// connection with the client itself.
+TEST_F(HttpScenario, BlockAnswersTheClientAndClosesTheConnection)
+{
+	services(true, false);
+	Conn c;
+	handshake(c);
+	std::string req = get_request("games.example.net");
+	Conn before = c;
+	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, req)).accepted());
+	auto reqs = daemon.requests();
+	ASSERT_EQ(1u, reqs.size());
+	kmodel_log_clear();
+
+	daemon.reply(reqs[0], BLOCK, kBlockUrl);
+	EXPECT_EQ(Lines{ line(kPassLine, "WP", "BLOCK") }, kmodel_log());
+	auto client_got = to_client();
+	ASSERT_EQ(2u, client_got.size());
+	EXPECT_EQ(expected_bare(before, true, sim::ACK, before.sseq, before.cseq + req.size()), client_got[0]);
+	EXPECT_EQ(expected_redirect(before, req, kBlockUrl), client_got[1]);
+	EXPECT_TRUE(to_server().empty());
+	EXPECT_EQ(STATE_REDIRECT, record(c)->state);
+	EXPECT_EQ(std::string(kBlockUrl), record(c)->redirect_url);
+	EXPECT_EQ(nullptr, record(c)->held_skb);
+
+	if (system("command -v tshark >/dev/null 2>&1") == 0) {
+		std::string pcap = testing::TempDir() + "http_block.pcap";
+		ASSERT_TRUE(sim::pcap_write(pcap, client_got, sim::PCAP_RAW_IP));
+		std::string cmd = "tshark -n -r " + pcap +
+				  " -o ip.check_checksum:TRUE -o tcp.check_checksum:TRUE -T fields"
+				  " -e ip.checksum.status -e tcp.checksum.status -e http.response.code"
+				  " -e http.location 2>/dev/null";
+		FILE *p = popen(cmd.c_str(), "r");
+		ASSERT_NE(nullptr, p);
+		std::string out;
+		char buf[512];
+		while (fgets(buf, sizeof(buf), p))
+			out += buf;
+		pclose(p);
+		EXPECT_EQ("1\t1\t\t\n1\t1\t302\t" + std::string(kBlockUrl) + "\n", out);
+	}
+
+	// The server's answer never reaches the client, and nothing of the
+	// client reaches the server any more.
+	r.clear_sent();
+	kmodel_log_clear();
+	EXPECT_FALSE(down(c.down(sim::ACK | sim::PSH, "HTTP/1.1 200 OK\r\n\r\n")).accepted());
+	EXPECT_TRUE(r.sent().empty()) << "state 7 answers nothing to the server";
+	EXPECT_FALSE(up(c.up(sim::ACK | sim::PSH, "more")).accepted());
+
+	// The client acknowledges the redirect: FIN+ACK to it.
+	Conn at_ack = c;
+	EXPECT_FALSE(up(c.up(sim::ACK)).accepted());
+	auto fin = to_client();
+	ASSERT_EQ(1u, fin.size());
+	EXPECT_EQ(expected_bare(at_ack, true, sim::FIN | sim::ACK, at_ack.sseq, at_ack.cseq), fin[0]);
+	EXPECT_EQ(STATE_FIN_WAIT1, record(c)->state);
+	c.sseq++; // the filter's FIN
+
+	// Server segments pass in FIN_WAIT1; the client's ACK moves on.
+	EXPECT_TRUE(down(c.down(sim::ACK)).accepted());
+	EXPECT_FALSE(up(c.up(sim::ACK)).accepted());
+	EXPECT_EQ(STATE_FIN_WAIT2, record(c)->state);
+
+	// The client's FIN: the last ACK counts it, and the record goes.
+	r.clear_sent();
+	Conn at_fin = c;
+	EXPECT_FALSE(up(c.up(sim::FIN | sim::ACK)).accepted());
+	auto last = to_client();
+	ASSERT_EQ(1u, last.size());
+	EXPECT_EQ(expected_bare(at_fin, true, sim::ACK, at_fin.sseq, at_fin.cseq + 1), last[0]);
+	EXPECT_EQ(nullptr, record(c));
+	EXPECT_TRUE(kmodel_log().empty());
+	EXPECT_EQ(0, kmodel_skb_stats_get().live);
+}
+
+// A block decided by the hook (state 6 when the server talks first): the
+// server gets an RST, and the client's next segment the block page.
+TEST_F(HttpScenario, BlockStateResetsTheServerAndAnswersTheNextClientSegment)
+{
+	services(true, false);
+	Conn c;
+	handshake(c);
+	record(c)->state = STATE_BLOCK;
+	strcpy(record(c)->redirect_url, "http://b/");
+
+	Conn before = c;
+	EXPECT_FALSE(down(c.down(sim::ACK | sim::PSH, "data")).accepted());
+	EXPECT_EQ(Lines{ "<7>[forward_hook]: packet FROM server, reset it\n" }, kmodel_log());
+	auto rst = to_server();
+	ASSERT_EQ(1u, rst.size());
+	EXPECT_EQ(expected_bare(before, false, sim::RST, before.cseq, 0), rst[0]);
+
+	r.clear_sent();
+	std::string req = get_request("x.example");
+	before = c;
+	EXPECT_FALSE(up(c.up(sim::ACK | sim::PSH, req)).accepted());
+	auto client_got = to_client();
+	ASSERT_EQ(2u, client_got.size());
+	EXPECT_EQ(expected_redirect(before, req, "http://b/"), client_got[1]);
+	EXPECT_EQ(STATE_REDIRECT, record(c)->state);
+}
+
+// WHITE_PASS marks the connection white: with PC only, a time-blocked
+// device keeps that connection, and loses every other one.
+TEST_F(HttpScenario, WhitePassLetsATimeBlockedDeviceKeepItsConnection)
+{
+	services(false, true);
+	ASSERT_EQ(22, r.write_proc("tblock_proc", "add 00:11:22:33:44:55\n"));
+	kmodel_log_clear();
+	Conn c;
+	handshake(c);
+	struct nf_conn *ct = r.conntrack(c.up(sim::ACK));
+	EXPECT_EQ((struct nf_conntrack *)ct, record(c)->nfconn) << "recorded in SYN_RCVD";
+
+	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, get_request("kids.example"))).accepted());
+	auto reqs = daemon.requests();
+	ASSERT_EQ(1u, reqs.size());
+	daemon.reply(reqs[0], WHITE_PASS);
+	EXPECT_EQ(Lines{ line(kPassLine, "PC", "WHITE_PASS") }, kmodel_log());
+	EXPECT_EQ(1, ct->white_mark);
+	EXPECT_EQ(1u, to_server().size());
+	EXPECT_EQ(STATE_WHITE_PASS, record(c)->state);
+
+	EXPECT_TRUE(down(c.down(sim::ACK)).accepted());
+	EXPECT_EQ(nullptr, record(c));
+	// Untracked from now on: the white mark lets the device through.
+	EXPECT_TRUE(up(c.up(sim::ACK | sim::PSH, get_request("kids.example", "/2"))).accepted());
+
+	// Another connection of the same device is not white.
+	Conn other;
+	other.cport = 40001;
+	EXPECT_FALSE(up(other.up(sim::ACK | sim::PSH, "GET / HTTP/1.1\r\n\r\n")).accepted());
+	// Without a conntrack entry there is nothing to tell: dropped, logged.
+	r.set_tracking(false);
+	kmodel_log_clear();
+	EXPECT_FALSE(up(other.up(sim::ACK)).accepted());
+	EXPECT_EQ(Lines{ "<3>[is_white_conn]: no conntrack!\n\n" }, kmodel_log());
+	r.set_tracking(true);
+
+	// With both services on, untracked packets skip the lists.
+	services(true, true);
+	EXPECT_TRUE(up(other.up(sim::ACK)).accepted());
+}
+
+// The device lists on the rating path: an exempted device passes without
+// rating, an expired exemption is deleted and the request rated; an
+// undecodable request from a time-blocked device is dropped (state kept).
+TEST_F(HttpScenario, ExemptedAndTimeBlockedDevicesWithParentalControl)
+{
+	services(false, true);
+	// The add reports -EFAULT when it succeeds.
+	ASSERT_EQ(-14, r.write_proc("unblock_proc", "+|00:11:22:33:44:55\n"));
+	Conn c;
+	handshake(c);
+	EXPECT_TRUE(up(c.up(sim::ACK | sim::PSH, get_request("a.example"))).accepted());
+	EXPECT_TRUE(daemon.requests().empty()) << "an exempted device is not rated";
+	EXPECT_EQ(STATE_PASS, record(c)->state);
+
+	r.advance(UBLK_EXPIRE_TICKS);
+	Conn d;
+	d.cport = 40002;
+	handshake(d);
+	EXPECT_TRUE(up(d.up(sim::ACK | sim::PSH, get_request("a.example"))).accepted());
+	EXPECT_EQ(1u, daemon.requests().size()) << "expired: deleted, then rated";
+
+	ASSERT_EQ(22, r.write_proc("tblock_proc", "add 00:11:22:33:44:55\n"));
+	Conn e;
+	e.cport = 40003;
+	handshake(e);
+	EXPECT_FALSE(up(e.up(sim::ACK | sim::PSH, "not a request at all\r\n\r\n")).accepted());
+	EXPECT_EQ(STATE_ESTAB, record(e)->state);
+	// An unlisted device's undecodable request goes on, unrated.
+	Conn f;
+	f.cport = 40004;
+	const sim::Mac other = sim::mac("00:11:22:33:44:66");
+	ASSERT_TRUE(up(f.up(sim::SYN), other).accepted());
+	ASSERT_TRUE(down(f.down(sim::SYN | sim::ACK)).accepted());
+	ASSERT_TRUE(up(f.up(sim::ACK), other).accepted());
+	EXPECT_TRUE(up(f.up(sim::ACK | sim::PSH, "garbage"), other).accepted());
+	EXPECT_EQ(STATE_ESTAB, record(f)->state);
+	// With WP on, an undecodable request is dropped whoever sends it.
+	services(true, true);
+	EXPECT_FALSE(up(f.up(sim::ACK | sim::PSH, "garbage"), other).accepted());
+	EXPECT_EQ(STATE_ESTAB, record(f)->state);
+	EXPECT_TRUE(daemon.requests().empty());
+}
+
+// Replies that find nothing, come late or come twice: nothing is sent or
+// freed twice.
+TEST_F(HttpScenario, LateDuplicateAndUnknownReplies)
+{
+	services(true, false);
+	Conn c;
+	handshake(c);
+	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, get_request("a.example"))).accepted());
+	auto reqs = daemon.requests();
+	ASSERT_EQ(1u, reqs.size());
+
+	rating_request stranger = reqs[0];
+	stranger.src_port = htons(1);
+	daemon.reply(stranger, PASS);
+	EXPECT_EQ(Lines{ "<7>[receive_from_user]: no tcp tracking found\n" }, kmodel_log());
+
+	daemon.reply(reqs[0], PASS);
+	daemon.reply(reqs[0], PASS);
+	daemon.reply(reqs[0], BLOCK);
+	EXPECT_EQ(1u, to_server().size()) << "the held copy is replayed once";
+	EXPECT_TRUE(to_client().empty()) << "a late BLOCK has no copy to answer with";
+	EXPECT_EQ(STATE_REDIRECT, record(c)->state) << "the late reply still acts on the state";
+	EXPECT_EQ(0, kmodel_skb_stats_get().live);
+
+	kmodel_log_clear();
+	rating_reply bad;
+	memset(&bad, 0, sizeof(bad));
+	bad.kind = 0;
+	bad.service = 3;
+	daemon.send(bad);
+	bad.kind = 1;
+	bad.service = 4;
+	daemon.send(bad);
+	EXPECT_EQ((Lines{ "<3>[receive_from_user]: unexpected packet type incoming to hook, 0, 3\n",
+			  "<3>[receive_from_user]: unexpected packet type incoming to hook, 1, 4\n" }),
+		  kmodel_log());
+}
+
+// A table full of connections waiting for verdicts: the 101st takes over
+// the oldest, whose held copy goes with it; the others are still served.
+TEST_F(HttpScenario, FullTableOfConnectionsWaitingForVerdicts)
+{
+	services(true, false);
+	std::vector<Conn> conns(101);
+	std::vector<rating_request> reqs;
+	for (size_t i = 0; i < conns.size(); i++) {
+		conns[i].cport = 20000 + i;
+		handshake(conns[i]);
+		ASSERT_TRUE(up(conns[i].up(sim::ACK | sim::PSH, get_request("h" + std::to_string(i)))).accepted());
+		auto got = daemon.requests();
+		ASSERT_EQ(1u, got.size());
+		reqs.push_back(got[0]);
+	}
+	EXPECT_EQ(0u, free_slots(tcp_table));
+	EXPECT_EQ(nullptr, record(conns[0])) << "the oldest was taken over";
+	EXPECT_EQ(100, kmodel_skb_stats_get().live) << "its held copy was freed with it";
+
+	kmodel_log_clear();
+	daemon.reply(reqs[0], PASS);
+	EXPECT_EQ(Lines{ "<7>[receive_from_user]: no tcp tracking found\n" }, kmodel_log());
+	for (size_t i = 1; i < reqs.size(); i++)
+		daemon.reply(reqs[i], i % 2 ? PASS : BLOCK);
+	EXPECT_EQ(50u, to_server().size());
+	EXPECT_EQ(100u, to_client().size()); // ACK and redirect for each block
+	EXPECT_EQ(0, kmodel_skb_stats_get().live);
+}
+
+// What the hook leaves alone, and how it reads a request.
+TEST_F(HttpScenario, PacketsTheHookLeavesAloneAndRequestText)
+{
+	// Both switches off: nothing is tracked.
+	services(false, false);
+	Conn c;
+	handshake(c);
+	EXPECT_EQ(nullptr, record(c));
+
+	// WP only: br1 traffic is never tracked.
+	services(true, false);
+	lan = r.br1();
+	Conn b;
+	b.client = kClientBr1;
+	handshake(b);
+	EXPECT_EQ(nullptr, record(b));
+	lan = r.br0();
+
+	// A SYN with payload is not tracked; other ports are not looked at.
+	Conn s;
+	s.cport = 40010;
+	EXPECT_TRUE(up(s.up(sim::SYN, "x")).accepted());
+	EXPECT_EQ(nullptr, record(s));
+	Conn o;
+	o.sport = 8080;
+	up(o.up(sim::SYN)); // the WP flow hook behind may drop it; untracked here
+	EXPECT_EQ(nullptr, record(o));
+
+	// A NUL ends the request text; the rest of the payload is not read.
+	Conn n;
+	n.cport = 40011;
+	handshake(n);
+	std::string req = get_request("nul.example");
+	EXPECT_TRUE(up(n.up(sim::ACK | sim::PSH, req + std::string(1, '\0') + "Host: other\r\n\r\n")).accepted());
+	auto reqs = daemon.requests();
+	ASSERT_EQ(1u, reqs.size());
+	EXPECT_STREQ("nul.example", reqs[0].info.host);
+	EXPECT_EQ(req + "\r\n\r\n", std::string(record(n)->req_buf));
+	EXPECT_EQ(req.size() + 4, record(n)->req_len);
+
+	// A long request is cut at 2046 characters; req_len keeps the length.
+	Conn l;
+	l.cport = 40012;
+	handshake(l);
+	std::string big = "GET /" + std::string(2100, 'a') + " HTTP/1.1\r\nHost: long.example\r\n\r\n";
+	up(l.up(sim::ACK | sim::PSH, big));
+	EXPECT_EQ(big.size() + 4, record(l)->req_len);
+	EXPECT_EQ(big.substr(0, 2046), std::string(record(l)->req_buf));
+}
