@@ -1,0 +1,332 @@
+// The DNS snooping hooks on the simulated router: real dig/dnsmasq traffic
+// and hand-made messages, the tables they fill, the lines they log.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "flow_fixture.h"
+#include "linux/netfilter.h"
+#include "hooks/update_host.h"
+#include "lists/unblock.h"
+#include "track/dns_table.h"
+#include "track/ssl_table.h"
+
+using namespace flows;
+
+namespace {
+
+bool have_tshark() { return system("command -v tshark >/dev/null 2>&1") == 0; }
+
+// tshark's reading of the answers in one frame of the capture.
+std::set<std::string> tshark_answers(int frame, const char *field)
+{
+	std::set<std::string> out;
+	std::string cmd = "tshark -r " DNSHOOK_SOURCE_DIR "/tests/data/dns.pcap -Y frame.number==" +
+			  std::to_string(frame) + " -T fields -E separator=, -e " + field + " 2>/dev/null";
+	FILE *p = popen(cmd.c_str(), "r");
+	char buf[4096];
+	std::string all;
+	while (p && fgets(buf, sizeof(buf), p))
+		all += buf;
+	if (p)
+		pclose(p);
+	size_t start = 0;
+	while (start < all.size()) {
+		size_t end = all.find_first_of(",\n", start);
+		if (end == std::string::npos)
+			end = all.size();
+		if (end > start)
+			out.insert(all.substr(start, end - start));
+		start = end + 1;
+	}
+	return out;
+}
+
+// The log lines of the DNS hooks (the HTTP hooks see these packets too).
+Lines dns_lines()
+{
+	Lines out;
+	for (auto &l : kmodel_log())
+		if (l.rfind("<7>[dns", 0) == 0)
+			out.push_back(l);
+	return out;
+}
+
+template <typename V>
+std::set<std::string> addrs_of(const std::vector<V> &v, const std::string &host)
+{
+	std::set<std::string> s;
+	for (auto &r : v)
+		if (r.host == host)
+			s.insert(r.addr);
+	return s;
+}
+
+class DnsHook : public FlowTest {
+protected:
+	void feed(std::initializer_list<int> frames)
+	{
+		const auto &cap = dns_capture();
+		ASSERT_FALSE(cap.empty()) << "tests/data/dns.pcap missing";
+		for (int n : frames) {
+			// Odd frames are dig's queries, even frames dnsmasq's answers.
+			auto v = frame(cap.at(n - 1), n % 2 == 1);
+			ASSERT_TRUE(v.accepted()) << "frame " << n;
+		}
+	}
+};
+
+} // namespace
+
+TEST_F(DnsHook, CapturedLookupsSeedTheTablesOfTheSlotsFamily)
+{
+	wp(true);
+	pc(true);
+	// www A and AAAA over IPv4, then alias (a CNAME chain to www) A over IPv6.
+	feed({ 1, 2, 3, 4, 27, 28 });
+
+	auto pct = pct_records();
+	auto pct6 = pct6_records();
+	ASSERT_EQ(2u, pct.size());
+	EXPECT_EQ("10.53.1.10", pct[0].addr);
+	EXPECT_EQ("www.example.test", pct[0].host);
+	EXPECT_EQ(0, pct[0].state);
+	EXPECT_EQ(0, pct[0].keep);
+	// The A record that came over IPv6 is filed in the IPv4 table.
+	EXPECT_EQ("10.53.1.10", pct[1].addr);
+	EXPECT_EQ("alias.example.test", pct[1].host);
+	ASSERT_EQ(1u, pct6.size());
+	EXPECT_EQ("fd00:53:1::10", pct6[0].addr);
+
+	auto ssl = ssl_records();
+	ASSERT_EQ(2u, ssl.size());
+	EXPECT_EQ("10.53.0.2", ssl[0].client);
+	EXPECT_EQ("10.53.1.10", ssl[0].server);
+	EXPECT_EQ(2, ssl[0].state);
+	EXPECT_EQ(0, ssl[0].trust);
+	// An IPv6 query records no client: its IPv4 records carry 0.0.0.0.
+	EXPECT_EQ("0.0.0.0", ssl[1].client);
+	EXPECT_EQ("alias.example.test", ssl[1].host);
+	auto ssl6 = ssl6_records();
+	ASSERT_EQ(1u, ssl6.size());
+	EXPECT_EQ("::", ssl6[0].client);
+	EXPECT_EQ("fd00:53:1::10", ssl6[0].server);
+
+	// The AAAA query of the same client refreshed its entry.
+	auto dns = dns_records();
+	ASSERT_EQ(2u, dns.size());
+	EXPECT_EQ("www.example.test", dns[0].name);
+	EXPECT_EQ("10.53.0.2", dns[0].client);
+	EXPECT_EQ(1, dns[0].state);
+	EXPECT_EQ("0.0.0.0", dns[1].client);
+	EXPECT_EQ(Lines{}, dns_lines());
+
+	if (!have_tshark())
+		GTEST_SKIP() << "tshark not installed: answers not cross-checked";
+	EXPECT_EQ(tshark_answers(2, "dns.a"), addrs_of(pct, "www.example.test"));
+	EXPECT_EQ(tshark_answers(4, "dns.aaaa"), addrs_of(pct6, "www.example.test"));
+	EXPECT_EQ(tshark_answers(28, "dns.a"), addrs_of(pct, "alias.example.test"));
+}
+
+TEST_F(DnsHook, OnlyChangedSlotsAreSeededAgain)
+{
+	wp(true);
+	feed({ 11, 12 }); // multi: 10.53.1.22, .21, .23
+	EXPECT_EQ(3u, pct_records().size());
+	feed({ 12 }); // the same answer: every slot compares equal
+	EXPECT_EQ(3u, pct_records().size());
+	// "MULTI" asked in capitals by the same client: the same entry; the
+	// answer's new order changes all three slots, which are added again.
+	feed({ 21, 22 });
+	auto pct = pct_records();
+	ASSERT_EQ(6u, pct.size());
+	EXPECT_EQ("10.53.1.21", pct[3].addr);
+	EXPECT_EQ("10.53.1.23", pct[4].addr);
+	EXPECT_EQ("10.53.1.22", pct[5].addr);
+	EXPECT_EQ(1u, dns_records().size());
+	if (have_tshark()) {
+		std::set<std::string> got;
+		for (auto &r : pct)
+			got.insert(r.addr);
+		EXPECT_EQ(tshark_answers(22, "dns.a"), got);
+	}
+
+	// 29 answers (the decoder's maximum) fill 29 slots.
+	feed({ 15, 16 });
+	EXPECT_EQ(6u + 29u, pct_records().size());
+}
+
+TEST_F(DnsHook, AnswersWithoutUsableQueryChangeNothing)
+{
+	wp(true);
+	pc(true);
+	feed({ 2 }); // an answer nobody asked for
+	EXPECT_TRUE(dns_records().empty());
+	EXPECT_TRUE(pct_records().empty());
+	feed({ 19, 20 }); // NXDOMAIN: the query is kept, the answer rejected
+	auto dns = dns_records();
+	ASSERT_EQ(1u, dns.size());
+	EXPECT_EQ("nothere.example.test", dns[0].name);
+	EXPECT_EQ(0, dns[0].state);
+	// CH TXT version.bind: the query files an entry with an empty name;
+	// its answer (also class CH) matches the first entry of bucket 0.
+	feed({ 23, 24 });
+	dns = dns_records();
+	ASSERT_EQ(2u, dns.size());
+	EXPECT_EQ("", dns[1].name);
+	EXPECT_EQ(1, dns[1].state);
+	EXPECT_EQ(0, dns[1].addrs);
+	EXPECT_TRUE(pct_records().empty());
+	EXPECT_TRUE(ssl_records().empty());
+	EXPECT_EQ(Lines{}, dns_lines());
+}
+
+TEST_F(DnsHook, TheNewestQueryTakesTheAnswer)
+{
+	pc(true);
+	auto q = dns_query(7, "shop.example.test");
+	out(udp4(kClient, kResolver, 40001, 53, q));
+	out(udp4(kClient2, kResolver, 40002, 53, q), kClient2Mac);
+	// The second client asks again: its (newest) entry is refreshed.
+	out(udp4(kClient2, kResolver, 40002, 53, q), kClient2Mac);
+	ASSERT_EQ(2u, dns_records().size());
+	in(udp4(kResolver, kClient, 53, 40001, dns_response(7, "shop.example.test", { kServer })));
+	auto dns = dns_records();
+	EXPECT_EQ(0, dns[0].addrs);
+	EXPECT_EQ(1, dns[1].addrs);
+	auto ssl = ssl_records();
+	ASSERT_EQ(1u, ssl.size());
+	EXPECT_EQ(kClient2, ssl[0].client);
+	// The first client asks once more: the first entry found is the second
+	// client's, so a third entry is made.
+	out(udp4(kClient, kResolver, 40001, 53, q));
+	EXPECT_EQ(3u, dns_records().size());
+}
+
+TEST_F(DnsHook, UpdateHostRecordsAreNeverDuplicatedAndSurviveSweeps)
+{
+	wp(true);
+	const char *host = fw_update_host;
+	// Written in capitals by the client; the decoder lower-cases it.
+	std::string upper = host;
+	for (auto &c : upper)
+		c = toupper(c);
+	out(udp4(kClient, kResolver, 40001, 53, dns_query(1, upper)));
+	in(udp4(kResolver, kClient, 53, 40001, dns_response(1, host, { "198.51.100.7" })));
+	// Slot 0 changes, slot 1 holds an address already in the table.
+	in(udp4(kResolver, kClient, 53, 40001, dns_response(1, host, { "198.51.100.8", "198.51.100.7" })));
+	auto pct = pct_records();
+	ASSERT_EQ(2u, pct.size());
+	// The refresh moved the found record behind the new one.
+	EXPECT_EQ("198.51.100.8", pct[0].addr);
+	EXPECT_EQ("198.51.100.7", pct[1].addr);
+	EXPECT_EQ(1, pct[0].keep);
+	EXPECT_EQ(1, pct[1].keep);
+
+	out(udp4(kClient, kResolver, 40001, 53, dns_query(2, "other.example.test")));
+	in(udp4(kResolver, kClient, 53, 40001, dns_response(2, "other.example.test", { kServer })));
+	ASSERT_EQ(3u, pct_records().size());
+	// Past every deadline, a new answer sweeps: the ordinary record goes,
+	// the update host's stay.
+	router.advance(600001);
+	out(udp4(kClient, kResolver, 40001, 53, dns_query(3, "late.example.test")));
+	in(udp4(kResolver, kClient, 53, 40001, dns_response(3, "late.example.test", { "203.0.113.5" })));
+	pct = pct_records();
+	ASSERT_EQ(3u, pct.size());
+	EXPECT_EQ(host, pct[0].host);
+	EXPECT_EQ(host, pct[1].host);
+	EXPECT_EQ("late.example.test", pct[2].host);
+
+	// Another name can be given to the filter before it loads.
+	set_fw_update_host("Updates.Router.Test");
+	EXPECT_TRUE(is_fw_update_host("updates.router.test"));
+	EXPECT_FALSE(is_fw_update_host("updates.router.test.evil"));
+	set_fw_update_host(nullptr);
+	EXPECT_STREQ(host, fw_update_host);
+}
+
+TEST_F(DnsHook, CollisionsAndMalformedDatagrams)
+{
+	wp(true);
+	// Two names of one bucket: an answer for the second walks past the first.
+	std::string a = "a0.example.test", b;
+	u32 bucket = dns_hash(a.c_str(), a.size());
+	for (int i = 1; b.empty(); i++) {
+		std::string n = "a" + std::to_string(i) + ".example.test";
+		if (dns_hash(n.c_str(), n.size()) == bucket)
+			b = n;
+	}
+	out(udp4(kClient, kResolver, 40001, 53, dns_query(1, a)));
+	in(udp4(kResolver, kClient, 53, 40001, dns_response(1, b, { kServer })));
+	EXPECT_EQ(Lines{ "<7>[dns_hook]: Hash [" + std::to_string(bucket) + "] collision with [" + a +
+			 "] -- [" + b + "]\n" },
+		  kmodel_log());
+	EXPECT_TRUE(pct_records().empty());
+
+	// A UDP length beyond the packet: untouched.
+	sim::Ip4 ip;
+	ip.src = sim::ip4(kClient);
+	ip.dst = sim::ip4(kResolver);
+	sim::Udp u;
+	u.sport = 40001;
+	u.payload = dns_query(2, "long.example.test");
+	u.length_override = 20 + 8 + u.payload.size() + 1; // the whole IP packet and one more
+	EXPECT_EQ(NF_INET_FORWARD, out(sim::ip4_udp(ip, u)).hook);
+	EXPECT_EQ(1u, dns_records().size());
+	// Only the IP header in the linear area: the UDP length is made linear
+	// counted from the IP header, so the message loses its last 20 bytes.
+	// dig's query still holds its question then (its EDNS record is cut),
+	// a bare query does not.
+	auto q = udp4(kClient, kResolver, 40001, 53, dns_query(3, "bare.example.test"));
+	EXPECT_EQ(NF_INET_FORWARD, router.forward(q, router.br0(), router.wan(), sim::kClientMac, 20).hook);
+	EXPECT_EQ(1u, dns_records().size());
+	EXPECT_EQ(NF_INET_FORWARD, router.forward_frame(dns_capture().at(0), router.br0(), router.wan(), 20).hook);
+	EXPECT_EQ("www.example.test", dns_records().back().name);
+	// IPv6 pulls nothing: a UDP header outside the linear area is not read.
+	auto q6 = udp6("fd00::2", "fd00::1", 40001, 53, dns_query(4, "frag.example.test"));
+	EXPECT_TRUE(router.forward(q6, router.br0(), router.wan(), sim::kClientMac, 44).accepted());
+	EXPECT_EQ(2u, dns_records().size());
+
+	kmodel_log_clear();
+	EXPECT_TRUE(out(udp6("ff02::1", "fd00::1", 40001, 53, dns_query(5, "m.example.test"))).accepted());
+	EXPECT_EQ("<7>[dns6_hook]: dns6_hook: IPv6 address is not unicast.\n\n", kmodel_log().at(0));
+	EXPECT_EQ(2u, dns_records().size());
+}
+
+TEST_F(DnsHook, PendingFlushWithdrawsTrustInOneFamily)
+{
+	pc(true);
+	feed({ 1, 2 });
+	feed({ 25, 26 });
+	auto *rec = container_of(ssl_table->pool.age_list.next, ssl_tracking, node.age_link);
+	auto *rec6 = container_of(ssl6_table->pool.age_list.next, ssl6_tracking, node.age_link);
+	ssl_update_trust(rec, 1);
+	ssl6_update_trust(rec6, 1);
+	ASSERT_EQ(1, ssl_records()[0].trust);
+	ASSERT_EQ(1, ssl6_records()[0].trust);
+
+	ASSERT_GT(router.write_proc("unblock_proc", "=|flush_ssl"), 0);
+	kmodel_log_clear();
+	// Any IPv6 packet, DNS or not, reaches dns6_hook first.
+	out(tcp6("fd00:53::2", "fd00:53:1::10", 40000, 443));
+	EXPECT_EQ("<7>[dns6_hook]: flush all ssl tracking\n", kmodel_log().at(0));
+	EXPECT_EQ("<7>[ssl6_delete_all]: clear ssl tracking[" +
+			  std::to_string(rec6->server[12] & 127) + "], host=www.example.test\n",
+		  kmodel_log().at(1));
+	EXPECT_EQ(0, get_flush_supending());
+	EXPECT_EQ(0, ssl6_records()[0].trust);
+	EXPECT_EQ(1, ssl_records()[0].trust);
+
+	// With both services off nothing is parsed and the flush waits.
+	pc(false);
+	ASSERT_GT(router.write_proc("unblock_proc", "=|flush_ssl"), 0);
+	kmodel_log_clear();
+	out(udp4(kClient, kResolver, 40001, 53, dns_query(9, "off.example.test")));
+	EXPECT_EQ(1, get_flush_supending());
+	EXPECT_EQ(2u, dns_records().size());
+	EXPECT_EQ(1, ssl_records()[0].trust);
+	EXPECT_TRUE(kmodel_log().empty());
+}
