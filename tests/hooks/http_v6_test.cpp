@@ -1,0 +1,203 @@
+// IPv6 HTTP conversations: the twin hook's own differences.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/hooks/http_fixture.h"
+
+#include "net/netfilter/nf_conntrack.h"
+
+using namespace http_test;
+
+namespace {
+
+Conn conn6(uint16_t cport = 40000)
+{
+	Conn c;
+	c.v6 = true;
+	c.cport = cport;
+	return c;
+}
+
+const std::string kFn = "<7>[forward_hook6]: ";
+
+} // namespace
+
+// A request split over three segments: the first two go on and are
+// collected, the third completes it and is rated; the held copy is the
+// third segment. PASS: the slot moves to the IPv4 table.
+TEST_F(HttpScenario, Ipv6RequestCollectedAcrossSegmentsAndPassed)
+{
+	services(false, true);
+	Conn c = conn6();
+	handshake(c);
+	EXPECT_EQ((Lines{ kFn + "tcphoff = 40 \n", kFn + "forward_hook6: add tcp SYN\n\n",
+			  kFn + "tcphoff = 40 \n", kFn + "STATE_SYN_RCVD:\n", kFn + "tcphoff = 40 \n",
+			  kFn + "STATE_SYN_RCVD:\n" }),
+		  kmodel_log());
+	EXPECT_EQ(STATE_ESTAB, record(c)->state);
+	EXPECT_EQ(nullptr, record(c)->nfconn) << "never recorded for IPv6";
+
+	std::string req = get_request("six.example", "/v6");
+	EXPECT_TRUE(up(c.up(sim::ACK, req.substr(0, 10))).accepted());
+	EXPECT_FALSE(down(c.down(sim::ACK)).accepted()) << "server segments dropped in ESTAB";
+	EXPECT_TRUE(up(c.up(sim::ACK, req.substr(10, 20))).accepted());
+	EXPECT_TRUE(daemon.requests().empty());
+	Bytes third = c.up(sim::ACK | sim::PSH, req.substr(30));
+	EXPECT_TRUE(up(third).accepted());
+	EXPECT_EQ(req, std::string(record(c)->req_buf));
+	EXPECT_EQ(req.size(), record(c)->req_len);
+
+	auto reqs = daemon.requests();
+	ASSERT_EQ(1u, reqs.size());
+	Bytes want = expected_request(c, RATING_PC_REQUEST, "/v6", "six.example", &sim::kClientMac);
+	Bytes got = bytes_of(reqs[0]);
+	// The decoded fields come from an uncleared stack record: compare the
+	// header, the two texts with their terminators, and the MAC.
+	EXPECT_EQ(Bytes(want.begin(), want.begin() + 48), Bytes(got.begin(), got.begin() + 48));
+	EXPECT_EQ(Bytes(want.begin() + 48, want.begin() + 52), Bytes(got.begin() + 48, got.begin() + 52));
+	EXPECT_EQ(Bytes(want.begin() + 308, want.begin() + 320), Bytes(got.begin() + 308, got.begin() + 320));
+	EXPECT_EQ(Bytes(want.begin() + 568, want.end()), Bytes(got.begin() + 568, got.end()));
+
+	size_t free4 = free_slots(tcp_table), free6 = free_slots(tcp_table6);
+	kmodel_log_clear();
+	daemon.reply(reqs[0], PASS);
+	EXPECT_TRUE(kmodel_log().empty()) << "the IPv6 verdicts log nothing";
+	auto replay = to_server();
+	ASSERT_EQ(1u, replay.size());
+	EXPECT_EQ(third, replay[0]) << "only the third segment is held";
+	EXPECT_TRUE(down(c.down(sim::ACK)).accepted());
+	EXPECT_EQ((Lines{ kFn + "tcphoff = 40 \n", kFn + "STATE_PASS:\n" }), kmodel_log());
+	EXPECT_EQ(nullptr, record(c));
+	EXPECT_EQ(free4 + 1, free_slots(tcp_table)) << "the IPv4 table's delete takes the slot";
+	EXPECT_EQ(free6, free_slots(tcp_table6));
+	EXPECT_EQ(0, kmodel_skb_stats_get().live);
+}
+
+// BLOCK over IPv6: the dispatcher's client ACK is the IPv4 one and fails;
+// the redirect goes out. The hook then closes the connection, and its last
+// ACK does not count the FIN.
+TEST_F(HttpScenario, Ipv6BlockAndClosingHandshake)
+{
+	services(true, false);
+	Conn c = conn6();
+	handshake(c);
+	std::string req = get_request("six.example");
+	Conn before = c;
+	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, req)).accepted());
+	auto reqs = daemon.requests();
+	ASSERT_EQ(1u, reqs.size());
+	EXPECT_EQ(uint32_t(RATING_WP_REQUEST), reqs[0].service);
+	kmodel_log_clear();
+	r.clear_sent();
+
+	daemon.reply(reqs[0], BLOCK, kBlockUrl);
+	auto got = to_client();
+	ASSERT_EQ(1u, got.size()) << "no ACK: ack_client refuses the IPv6 packet";
+	EXPECT_EQ(expected_redirect(before, req, kBlockUrl), got[0]);
+	ASSERT_GE(kmodel_log().size(), 1u);
+	EXPECT_EQ("<7>[rebuild_packet]: Invalid IP header\n", kmodel_log()[0]);
+	EXPECT_EQ(STATE_REDIRECT, record(c)->state);
+
+	r.clear_sent();
+	kmodel_log_clear();
+	Conn at_ack = c;
+	EXPECT_FALSE(up(c.up(sim::ACK)).accepted());
+	got = to_client();
+	ASSERT_EQ(1u, got.size());
+	EXPECT_EQ(expected_bare(at_ack, true, sim::FIN | sim::ACK, at_ack.sseq, at_ack.cseq), got[0]);
+	c.sseq++;
+	EXPECT_TRUE(down(c.down(sim::ACK)).accepted()) << "server passes in FIN_WAIT1";
+	EXPECT_FALSE(up(c.up(sim::ACK)).accepted());
+	EXPECT_EQ(STATE_FIN_WAIT2, record(c)->state);
+
+	r.clear_sent();
+	size_t free6 = free_slots(tcp_table6);
+	Conn at_fin = c;
+	EXPECT_FALSE(up(c.up(sim::FIN | sim::ACK)).accepted());
+	got = to_client();
+	ASSERT_EQ(1u, got.size());
+	EXPECT_EQ(expected_bare(at_fin, true, sim::ACK, at_fin.sseq, at_fin.cseq), got[0])
+		<< "acknowledges the FIN's own sequence number";
+	EXPECT_EQ(free6 + 1, free_slots(tcp_table6));
+	EXPECT_EQ((Lines{ kFn + "tcphoff = 40 \n", kFn + "STATE_REDIRECT:\n", kFn + "tcphoff = 40 \n",
+			  kFn + "STATE_FIN_WAIT1:\n", kFn + "tcphoff = 40 \n", kFn + "STATE_FIN_WAIT1:\n",
+			  kFn + "tcphoff = 40 \n", kFn + "STATE_FIN_WAIT2:\n" }),
+		  kmodel_log());
+	EXPECT_EQ(0, kmodel_skb_stats_get().live);
+}
+
+// PC only, a time-blocked device, an undecodable request: the record goes
+// to STATE_BLOCK, the server is answered with an ACK and the device's next
+// segment gets the block page.
+TEST_F(HttpScenario, Ipv6UndecodableRequestFromTimeBlockedDeviceIsBlocked)
+{
+	services(false, true);
+	ASSERT_EQ(22, r.write_proc("tblock_proc", "add 00:11:22:33:44:55\n"));
+	Conn c = conn6();
+	handshake(c);
+	kmodel_log_clear();
+	EXPECT_FALSE(up(c.up(sim::ACK, "BREW /pot HTTP/1.1\r\n\r\n")).accepted());
+	EXPECT_EQ((Lines{ kFn + "tcphoff = 40 \n", kFn + "STATE_ESTAB:\n", kFn + "header can't be recognized\n" }),
+		  kmodel_log());
+	EXPECT_EQ(STATE_BLOCK, record(c)->state);
+	strcpy(record(c)->redirect_url, "http://b6/");
+
+	Conn before = c;
+	EXPECT_FALSE(down(c.down(sim::ACK | sim::PSH, "0123456789")).accepted());
+	auto srv = to_server();
+	ASSERT_EQ(1u, srv.size());
+	EXPECT_EQ(expected_bare(before, false, sim::ACK, before.cseq, before.sseq + 10), srv[0])
+		<< "the IPv6 server gets an ACK of its payload, not a reset";
+
+	before = c;
+	std::string req = get_request("x6.example");
+	EXPECT_FALSE(up(c.up(sim::ACK | sim::PSH, req)).accepted());
+	auto cli = to_client();
+	ASSERT_EQ(2u, cli.size());
+	EXPECT_EQ(expected_bare(before, true, sim::ACK, before.sseq, before.cseq + req.size()), cli[0]);
+	EXPECT_EQ(expected_redirect(before, req, "http://b6/"), cli[1]);
+	EXPECT_EQ(STATE_REDIRECT, record(c)->state);
+}
+
+// Collection limits, empty hosts, and what the IPv6 hook lets by.
+TEST_F(HttpScenario, Ipv6CollectionLimitsAndPacketsLeftAlone)
+{
+	services(true, false);
+	Conn c = conn6();
+	handshake(c);
+	// More than the buffer holds: cut at 2043 bytes and closed.
+	std::string big = "GET /" + std::string(2100, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\n";
+	kmodel_log_clear();
+	up(c.up(sim::ACK, big));
+	EXPECT_EQ(kFn + "IPv6 header exceed buffer size(>2047), Cut Off!\n", kmodel_log().at(2));
+	EXPECT_EQ(2047u, record(c)->req_len);
+	EXPECT_EQ(big.substr(0, 2043) + "\r\n\r\n", std::string(record(c)->req_buf));
+	EXPECT_EQ(STATE_ESTAB, record(c)->state) << "no Host line: undecodable, WP drops";
+	EXPECT_FALSE(up(c.up(sim::ACK, "more")).accepted()) << "no room left";
+
+	// An empty Host value is dropped and stays in ESTAB.
+	Conn e = conn6(40001);
+	handshake(e);
+	EXPECT_FALSE(up(e.up(sim::ACK, "GET / HTTP/1.1\r\nHost: \r\n\r\n")).accepted());
+	EXPECT_EQ(STATE_ESTAB, record(e)->state);
+	EXPECT_TRUE(daemon.requests().empty());
+
+	// Not unicast, other ports, and "br1" in WP mode (tracked in IPv6).
+	kmodel_log_clear();
+	Conn m = conn6(40002);
+	m.server6 = sim::ip6("ff02::1");
+	up(m.up(sim::SYN));
+	EXPECT_EQ((Lines{ "<7>[dns6_hook]: dns6_hook: IPv6 address is not unicast.\n\n",
+			  kFn + "forward_hook6: IPv6 address is not unicast.\n\n" }),
+		  kmodel_log());
+	kmodel_log_clear();
+	Conn o = conn6(40003);
+	o.sport = 8080;
+	up(o.up(sim::SYN)); // the WP flow hook behind narrows IPv6 to HTTP and DNS
+	EXPECT_EQ((Lines{ kFn + "tcphoff = 40 \n", kFn + "Not HTTP\n\n" }), kmodel_log());
+	lan = r.br1();
+	Conn b = conn6(40004);
+	EXPECT_TRUE(up(b.up(sim::SYN)).accepted());
+	EXPECT_NE(nullptr, record(b)) << "no early accept of br1 traffic over IPv6";
+}
