@@ -26,7 +26,7 @@ demo: build
 	@$(BUILD)/tools/dnshook-demo
 
 test: build fuzz-build
-	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+	@cd $(BUILD) && ctest --output-on-failure --timeout 300 -j $(JOBS)
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true

@@ -416,13 +416,13 @@ void kmodel_fail_skb_alloc_nth(long n) { g_fail_nth = n; }
 bool kmodel_skb_is_live(const struct sk_buff *skb) { return g_live.count(skb) != 0; }
 
 struct sk_buff *kmodel_skb_build(const void *bytes, size_t len, size_t linear, size_t headroom,
-				 size_t frag_size)
+				 size_t frag_size, size_t tailroom)
 {
 	const unsigned char *in = (const unsigned char *)bytes;
 
 	if (linear > len)
 		linear = len;
-	struct sk_buff *skb = skb_struct_new(headroom + linear);
+	struct sk_buff *skb = skb_struct_new(headroom + linear + tailroom);
 	skb_reserve(skb, headroom);
 	memcpy(skb_put(skb, linear), in, linear);
 	size_t rest = len - linear;

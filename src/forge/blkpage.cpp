@@ -167,8 +167,7 @@ int send_blkpage(const char *url, struct sk_buff *skb)
 	char page[BLKPAGE_LEN];
 	struct sk_buff *nskb;
 
-	// The copy has room for the whole response behind its headers.
-	nskb = skb_copy_room(skb, BLKPAGE_LEN);
+	nskb = skb_copy(skb, GFP_ATOMIC);
 	if (!nskb) {
 		printk(KERN_ERR "[%s]: skb_copy  error in function send_blkpage!\n\n", __func__);
 		return -1;
@@ -191,7 +190,7 @@ int send_blkpage6(const char *url, struct sk_buff *skb)
 	char page[BLKPAGE_LEN];
 	struct sk_buff *nskb;
 
-	nskb = skb_copy_room(skb, BLKPAGE_LEN);
+	nskb = skb_copy(skb, GFP_ATOMIC);
 	if (!nskb) {
 		printk(KERN_ERR "[%s]: skb_copy  error in send_blkpage6!\n\n", __func__);
 		return -1;

@@ -71,7 +71,7 @@ TEST_F(Forge, AckAndRedirectAnswerTheWholeRequest)
 	EXPECT_EQ(refs, kmodel_ct_refs(ct));
 	EXPECT_EQ(in, kmodel_skb_bytes(skb));
 	// Unlike a reverse rebuild, the redirect keeps the copy's conntrack reference.
-	struct sk_buff *copy = skb_copy_room(skb, BLKPAGE_LEN);
+	struct sk_buff *copy = skb_copy(skb, GFP_ATOMIC);
 	ASSERT_EQ(0, redirect_packet(copy, "x"));
 	EXPECT_EQ(&ct->ct_general, copy->nfct);
 	kfree_skb(copy);

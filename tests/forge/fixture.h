@@ -47,7 +47,9 @@ protected:
 	// the data, the first `linear` bytes linear, a conntrack entry.
 	struct sk_buff *rx(const Bytes &ip, size_t linear = SIZE_MAX)
 	{
-		struct sk_buff *skb = kmodel_skb_build(ip.data(), ip.size(), linear);
+		size_t lin = linear < ip.size() ? linear : ip.size();
+		struct sk_buff *skb = kmodel_skb_build(ip.data(), ip.size(), lin, 64, 0,
+						       lin < KMODEL_RX_BUFFER ? KMODEL_RX_BUFFER - lin : 0);
 		skb->protocol = htons((ip[0] >> 4) == 6 ? 0x86DD : 0x0800);
 		skb->dev = r.br0();
 		ct = r.conntrack(ip);

@@ -36,8 +36,12 @@ bool kmodel_skb_is_live(const struct sk_buff *skb);
 // (behind `headroom` bytes of room), the rest in page fragments of at
 // most frag_size bytes each (0: one fragment). Network and transport
 // header marks are left at data. Not subject to injected failures.
+// `tailroom` bytes stay free behind the linear part.
 struct sk_buff *kmodel_skb_build(const void *bytes, size_t len, size_t linear,
-				 size_t headroom = 64, size_t frag_size = 0);
+				 size_t headroom = 64, size_t frag_size = 0, size_t tailroom = 0);
+// The size of a network driver's receive buffer: frames arrive in buffers
+// of this many bytes, so a received packet has the rest as tail room.
+#define KMODEL_RX_BUFFER 1536
 // All len bytes of a buffer, linear and fragment parts alike.
 std::vector<uint8_t> kmodel_skb_bytes(const struct sk_buff *skb);
 
