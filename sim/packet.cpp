@@ -1,6 +1,7 @@
 // Packet builders (see packet.h).
 #include "sim/packet.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstring>
@@ -42,7 +43,7 @@ Bytes tcp_segment(const Tcp &t)
 	s[13] = t.flags;
 	put16(s, 14, t.window);
 	put16(s, 18, t.urg_ptr);
-	memcpy(s.data() + 20, opts.data(), opts.size());
+	std::copy(opts.begin(), opts.end(), s.begin() + 20);
 	s.insert(s.end(), t.payload.begin(), t.payload.end());
 	return s;
 }
@@ -101,7 +102,7 @@ Bytes ip4_wrap(const Ip4 &ip, uint8_t proto, const Bytes &l4)
 	p[9] = proto;
 	memcpy(p.data() + 12, &ip.src, 4);
 	memcpy(p.data() + 16, &ip.dst, 4);
-	memcpy(p.data() + 20, opts.data(), opts.size());
+	std::copy(opts.begin(), opts.end(), p.begin() + 20);
 	uint16_t c = fold_complement(sum16(p.data(), hl));
 	if (ip.bad_checksum)
 		c ^= 1;
