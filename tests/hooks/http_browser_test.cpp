@@ -1,0 +1,124 @@
+// Real browser traffic (curl and wget against Python's http.server through
+// a namespace router, tests/data/browser/capture.sh) replayed through the
+// IPv4 hook. The daemon answers each request at once, BLOCK for the hosts
+// on its list; every connection's first request is rated once, allowed
+// ones are replayed to the server and blocked ones get the redirect.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+
+#include "tests/hooks/http_fixture.h"
+
+using namespace http_test;
+
+namespace {
+
+// The IP packets of an Ethernet pcap file.
+std::vector<Bytes> read_pcap(const std::string &path)
+{
+	std::ifstream f(path, std::ios::binary);
+	std::vector<Bytes> out;
+	uint8_t gh[24];
+	if (!f.read((char *)gh, sizeof(gh)))
+		return out;
+	uint8_t rh[16];
+	while (f.read((char *)rh, sizeof(rh))) {
+		uint32_t incl;
+		memcpy(&incl, rh + 8, 4);
+		Bytes frame(incl);
+		if (!f.read((char *)frame.data(), incl))
+			break;
+		if (incl > 14)
+			out.emplace_back(frame.begin() + 14, frame.end());
+	}
+	return out;
+}
+
+uint16_t port_at(const Bytes &ip, size_t off) { return ip[off] << 8 | ip[off + 1]; }
+
+} // namespace
+
+TEST_F(HttpScenario, BrowserCaptureIsRatedOnceAndJudgedByTheBlockList)
+{
+	const std::set<std::string> blocked = { "games.blocked.test" };
+	auto packets = read_pcap(std::string(DNSHOOK_SOURCE_DIR) + "/tests/data/browser/browser.pcap");
+	ASSERT_GT(packets.size(), 50u);
+	services(true, false);
+	r.route("10.61.1.0/24", r.br0(), KMODEL_OUT_HH, &sim::kClientMac);
+	r.route("10.61.2.0/24", r.wan(), KMODEL_OUT_HH, &sim::kGatewayMac);
+
+	std::map<uint16_t, std::string> rated; // client port -> host
+	size_t redirects = 0, replays = 0, syns = 0;
+	for (const Bytes &ip : packets) {
+		size_t th = (ip[0] & 0xf) * 4;
+		bool from_client = port_at(ip, th + 2) == 80;
+		if (from_client && (ip[th + 13] & 0x12) == 0x02)
+			syns++;
+		r.clear_sent();
+		if (from_client)
+			up(ip);
+		else
+			down(ip);
+		for (const rating_request &q : daemon.requests()) {
+			uint16_t cport = ntohs(q.src_port);
+			EXPECT_EQ(0u, rated.count(cport)) << "rated twice: port " << cport;
+			rated[cport] = q.info.host;
+			bool block = blocked.count(q.info.host) > 0;
+			daemon.reply(q, block ? BLOCK : PASS, "http://deny.test/");
+			std::vector<Bytes> to_srv, to_cli; // the capture's client is 10.61.1.10
+			for (const kmodel_tx &tx : r.sent()) {
+				Bytes out(tx.frame.begin() + 14, tx.frame.end());
+				(out[16] == 10 && out[17] == 61 && out[18] == 1 ? to_cli : to_srv).push_back(out);
+			}
+			r.clear_sent();
+			if (block) {
+				ASSERT_EQ(2u, to_cli.size());
+				std::string page(to_cli[1].begin() + 40, to_cli[1].end());
+				EXPECT_EQ(0u, page.find("HTTP/1.1 302 Found\r\nLocation: http://deny.test/\r\n"));
+				EXPECT_TRUE(to_srv.empty());
+				redirects++;
+			} else {
+				ASSERT_EQ(1u, to_srv.size());
+				EXPECT_EQ(ip, to_srv[0]) << "the replay is the request as captured";
+				EXPECT_TRUE(to_cli.empty());
+				replays++;
+			}
+		}
+	}
+	// tshark reads the same capture: five connections, of which two to
+	// the blocked host; nine requests in all, one rating per connection.
+	EXPECT_EQ(5u, syns);
+	EXPECT_EQ(5u, rated.size());
+	EXPECT_EQ(2u, redirects);
+	EXPECT_EQ(3u, replays);
+	std::multiset<std::string> hosts;
+	for (auto &kv : rated)
+		hosts.insert(kv.second);
+	EXPECT_EQ((std::multiset<std::string>{ "games.blocked.test", "games.blocked.test", "news.allowed.test",
+					       "news.allowed.test", "shop.allowed.test" }),
+		  hosts);
+
+	if (system("command -v tshark >/dev/null 2>&1") == 0) {
+		std::string cmd = "tshark -n -r " + std::string(DNSHOOK_SOURCE_DIR) +
+				  "/tests/data/browser/browser.pcap -Y http.request -T fields -e tcp.srcport"
+				  " -e http.host 2>/dev/null";
+		FILE *p = popen(cmd.c_str(), "r");
+		ASSERT_NE(nullptr, p);
+		std::map<uint16_t, std::string> first; // tshark's first request of each connection
+		unsigned port;
+		char host[256];
+		size_t requests = 0;
+		while (fscanf(p, "%u\t%255s\n", &port, host) == 2) {
+			requests++;
+			first.emplace(port, host);
+		}
+		pclose(p);
+		EXPECT_EQ(9u, requests);
+		EXPECT_EQ(first, rated);
+	}
+	EXPECT_EQ(0, kmodel_skb_stats_get().live);
+}
