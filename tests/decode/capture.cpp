@@ -1,7 +1,6 @@
 #include "capture.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -11,49 +10,34 @@ static uint32_t le32(const uint8_t *p) { return p[0] | p[1] << 8 | p[2] << 16 | 
 
 static bool parse_frame(const uint8_t *f, size_t n, CapturedSegment *seg)
 {
-	const uint8_t *l4;
-	size_t l4len;
+	size_t l3len, l4off, l4len;
 	int proto;
 
-	if (n < 14)
+	if (n < 14 + 40)
 		return false;
-	uint16_t ethertype = be16(f + 12);
 	f += 14;
 	n -= 14;
-	if (ethertype == 0x0800) {
-		if (n < 20 || (f[0] >> 4) != 4)
-			return false;
-		size_t ihl = (f[0] & 0x0f) * 4u, total = be16(f + 2);
-		if (total > n || ihl < 20 || total < ihl)
-			return false;
+	if (be16(f - 2) == 0x0800 && (f[0] >> 4) == 4) {
+		l3len = be16(f + 2);
+		l4off = (f[0] & 0x0f) * 4u;
 		proto = f[9];
-		l4 = f + ihl;
-		l4len = total - ihl;
-		seg->ipv6 = false;
-	} else if (ethertype == 0x86dd) {
-		if (n < 40 || 40u + be16(f + 4) > n)
-			return false;
-		proto = f[6];  // the captures carry no extension headers
-		l4 = f + 40;
-		l4len = be16(f + 4);
-		seg->ipv6 = true;
+	} else if (be16(f - 2) == 0x86dd) {
+		l3len = 40u + be16(f + 4);
+		l4off = 40;  // the captures carry no extension headers
+		proto = f[6];
 	} else {
 		return false;
 	}
-
-	if (proto == 17) {
-		if (l4len < 8 || be16(l4 + 4) < 8 || be16(l4 + 4) > l4len)
-			return false;
-		seg->udp = true;
+	if (l3len > n || l4off + 20 > l3len)
+		return false;
+	const uint8_t *l4 = f + l4off;
+	l4len = l3len - l4off;
+	if (proto == 17 && be16(l4 + 4) >= 8 && be16(l4 + 4) <= l4len)
 		seg->payload.assign(l4 + 8, l4 + be16(l4 + 4));
-	} else if (proto == 6) {
-		if (l4len < 20 || (l4[12] >> 4) * 4u > l4len)
-			return false;
-		seg->udp = false;
+	else if (proto == 6 && (l4[12] >> 4) * 4u <= l4len)
 		seg->payload.assign(l4 + (l4[12] >> 4) * 4u, l4 + l4len);
-	} else {
+	else
 		return false;
-	}
 	seg->sport = be16(l4);
 	seg->dport = be16(l4 + 2);
 	return true;
@@ -67,24 +51,17 @@ std::vector<CapturedSegment> read_capture(const std::string &path)
 
 	if (b.size() < 24 || le32(&b[0]) != 0xa1b2c3d4 || le32(&b[20]) != 1)
 		return out;
-	size_t pos = 24;
-	for (int frame = 1; pos + 16 <= b.size(); frame++) {
+	for (size_t pos = 24, frame = 1; pos + 16 <= b.size(); frame++) {
 		size_t caplen = le32(&b[pos + 8]);
 		pos += 16;
 		if (pos + caplen > b.size())
 			break;
-		CapturedSegment seg{};
-		seg.frame = frame;
+		CapturedSegment seg{ (int)frame, 0, 0, {} };
 		if (parse_frame(&b[pos], caplen, &seg))
 			out.push_back(seg);
 		pos += caplen;
 	}
 	return out;
-}
-
-bool have_tshark()
-{
-	return system("tshark --version >/dev/null 2>&1") == 0;
 }
 
 std::vector<std::vector<std::string>> tshark_fields(const std::string &path, const std::string &filter,
@@ -94,29 +71,24 @@ std::vector<std::vector<std::string>> tshark_fields(const std::string &path, con
 	std::string cmd = "tshark -n -r '" + path + "' -Y '" + filter + "' -T fields -E separator=/t";
 	for (const auto &f : fields)
 		cmd += " -e " + f;
-	cmd += " 2>/dev/null";
-
-	FILE *p = popen(cmd.c_str(), "r");
-	*ok = p != nullptr;
-	if (!p)
+	FILE *p = popen((cmd + " 2>/dev/null").c_str(), "r");
+	if (!p) {
+		*ok = false;
 		return rows;
+	}
 	std::string text;
 	char chunk[4096];
-	size_t got;
-	while ((got = fread(chunk, 1, sizeof(chunk), p)) > 0)
+	for (size_t got; (got = fread(chunk, 1, sizeof(chunk), p)) > 0;)
 		text.append(chunk, got);
 	*ok = pclose(p) == 0;
 
 	std::istringstream lines(text);
-	std::string line;
-	while (std::getline(lines, line)) {
+	for (std::string line; std::getline(lines, line);) {
 		std::vector<std::string> row;
-		size_t start = 0, tab;
-		while ((tab = line.find('\t', start)) != std::string::npos) {
-			row.push_back(line.substr(start, tab - start));
-			start = tab + 1;
-		}
-		row.push_back(line.substr(start));
+		std::istringstream cells(line);
+		for (std::string cell; std::getline(cells, cell, '\t');)
+			row.push_back(cell);
+		row.resize(fields.size());  // trailing empty fields
 		rows.push_back(row);
 	}
 	return rows;

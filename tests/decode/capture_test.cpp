@@ -7,8 +7,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,19 +23,16 @@ namespace {
 
 const std::string kData = std::string(DNSHOOK_SOURCE_DIR) + "/tests/data/";
 
-std::vector<std::string> split(const std::string &s)
+std::vector<std::string> split(const std::string &s)  // tshark's "a,b,c"
 {
 	std::vector<std::string> out;
-	size_t start = 0, comma;
-	if (s.empty())
-		return out;
-	while ((comma = s.find(',', start)) != std::string::npos) {
-		out.push_back(s.substr(start, comma - start));
-		start = comma + 1;
-	}
-	out.push_back(s.substr(start));
+	std::istringstream in(s);
+	for (std::string v; std::getline(in, v, ',');)
+		out.push_back(v);
 	return out;
 }
+
+bool have_tshark() { return system("tshark --version >/dev/null 2>&1") == 0; }
 
 std::string ascii_lower(std::string s)
 {
@@ -140,7 +139,9 @@ TEST(DecoderCaptures, HttpRequestsMatchTshark)
 		const CapturedSegment *seg = first[std::stoi(r[0])];
 		ASSERT_NE(seg, nullptr);
 		// Pipelined requests: the last request line and Host line win.
-		std::string url = split(r[1]).back(), host = split(r[2]).back();
+		auto urls = split(r[1]), hosts = split(r[2]);
+		ASSERT_FALSE(urls.empty() || hosts.empty());
+		std::string url = urls.back(), host = hosts.back();
 
 		// As the IPv6 hook hands it over: the bytes, a NUL behind them.
 		std::vector<char> buf(seg->payload.begin(), seg->payload.end());
