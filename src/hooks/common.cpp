@@ -64,12 +64,12 @@ int is_white_conn(const struct sk_buff *skb)
 	return ct->white_mark ? 1 : 0;
 }
 
-int device_exempted(const struct sk_buff *skb)
+int device_exempted(const u8 *mac)
 {
 	struct ublk_entry *ue;
 	int expired = 0;
 
-	ue = ublk_get(client_mac(skb), &expired);
+	ue = ublk_get(mac, &expired);
 	if (!ue)
 		return 0;
 	if (!expired)
@@ -80,7 +80,7 @@ int device_exempted(const struct sk_buff *skb)
 
 enum device_verdict check_device(const struct sk_buff *skb)
 {
-	if (device_exempted(skb))
+	if (device_exempted(client_mac(skb)))
 		return DEVICE_PASS;
 	if (!tblk_get(client_mac(skb)))
 		return DEVICE_UNLISTED;

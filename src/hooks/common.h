@@ -37,7 +37,7 @@ enum device_verdict {
 };
 
 // Does the device have a live exemption? An expired one is deleted.
-int device_exempted(const struct sk_buff *skb);
+int device_exempted(const u8 *mac);
 
 // The unblock list first (an expired exemption is deleted on the way),
 // then the time-block list, then the connection's white mark.

@@ -82,7 +82,7 @@ static unsigned int forward_rate(struct tcp_tracking *rec, struct sk_buff *skb,
 			return NF_DROP;
 		}
 	}
-	if ((mode & MODE_PC) && device_exempted(skb)) {
+	if ((mode & MODE_PC) && device_exempted(client_mac(skb))) {
 		tcp_update_state(rec, STATE_PASS);
 		return NF_ACCEPT;
 	}

@@ -115,7 +115,7 @@ static unsigned int forward_rate6(struct tcp_tracking *rec, struct sk_buff *skb,
 	}
 	if (!info.host[0])
 		return NF_DROP;
-	if ((mode & MODE_PC) && device_exempted(skb)) {
+	if ((mode & MODE_PC) && device_exempted(client_mac(skb))) {
 		rec->state = STATE_PASS;
 		return NF_ACCEPT;
 	}

@@ -54,22 +54,6 @@ static int flow_neigh_mac(struct neigh_table *tbl, const void *addr, const struc
 	return found;
 }
 
-// A live device-wide exemption passes the device; an expired one is
-// deleted on the way.
-static int flow_device_exempted(const u8 *mac)
-{
-	struct ublk_entry *ue;
-	int expired = 0;
-
-	ue = ublk_get(mac, &expired);
-	if (!ue)
-		return 0;
-	if (!expired)
-		return 1;
-	ublk_delete(ue);
-	return 0;
-}
-
 // Outside every recorded flow only the time-block list applies.
 static unsigned int https_unrecorded(const struct sk_buff *skb, const u8 *mac)
 {
@@ -127,7 +111,7 @@ static unsigned int https_forward_judge(struct sk_buff *skb, const struct net_de
 		       d[3]);
 		return NF_ACCEPT;
 	}
-	if (flow_device_exempted(mac))
+	if (device_exempted(mac))
 		return NF_ACCEPT;
 
 	rec = ssl_find_with_trust(iph);
@@ -249,7 +233,7 @@ static unsigned int https6_forward_judge(struct sk_buff *skb, const struct net_d
 		printk(KERN_DEBUG "[%s]: nd_query failed.\n\n", "https6_forward_hook");
 		return NF_ACCEPT;
 	}
-	if (flow_device_exempted(mac))
+	if (device_exempted(mac))
 		return NF_ACCEPT;
 
 	rec = ssl6_find_with_trust(ip6h);
