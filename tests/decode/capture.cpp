@@ -1,12 +1,8 @@
 #include "capture.h"
 
-#include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <sstream>
+#include "sim/pcap.h"
 
 static uint16_t be16(const uint8_t *p) { return (uint16_t)(p[0] << 8 | p[1]); }
-static uint32_t le32(const uint8_t *p) { return p[0] | p[1] << 8 | p[2] << 16 | (uint32_t)p[3] << 24; }
 
 static bool parse_frame(const uint8_t *f, size_t n, CapturedSegment *seg)
 {
@@ -46,50 +42,15 @@ static bool parse_frame(const uint8_t *f, size_t n, CapturedSegment *seg)
 std::vector<CapturedSegment> read_capture(const std::string &path)
 {
 	std::vector<CapturedSegment> out;
-	std::ifstream in(path, std::ios::binary);
-	std::vector<uint8_t> b((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+	std::vector<sim::Bytes> frames;
+	sim::PcapLink link;
 
-	if (b.size() < 24 || le32(&b[0]) != 0xa1b2c3d4 || le32(&b[20]) != 1)
+	if (!sim::pcap_read(path, &frames, &link) || link != sim::PCAP_ETHERNET)
 		return out;
-	for (size_t pos = 24, frame = 1; pos + 16 <= b.size(); frame++) {
-		size_t caplen = le32(&b[pos + 8]);
-		pos += 16;
-		if (pos + caplen > b.size())
-			break;
-		CapturedSegment seg{ (int)frame, 0, 0, {} };
-		if (parse_frame(&b[pos], caplen, &seg))
+	for (size_t i = 0; i < frames.size(); i++) {
+		CapturedSegment seg{ (int)i + 1, 0, 0, {} };
+		if (parse_frame(frames[i].data(), frames[i].size(), &seg))
 			out.push_back(seg);
-		pos += caplen;
 	}
 	return out;
-}
-
-std::vector<std::vector<std::string>> tshark_fields(const std::string &path, const std::string &filter,
-						    const std::vector<std::string> &fields, bool *ok)
-{
-	std::vector<std::vector<std::string>> rows;
-	std::string cmd = "tshark -n -r '" + path + "' -Y '" + filter + "' -T fields -E separator=/t";
-	for (const auto &f : fields)
-		cmd += " -e " + f;
-	FILE *p = popen((cmd + " 2>/dev/null").c_str(), "r");
-	if (!p) {
-		*ok = false;
-		return rows;
-	}
-	std::string text;
-	char chunk[4096];
-	for (size_t got; (got = fread(chunk, 1, sizeof(chunk), p)) > 0;)
-		text.append(chunk, got);
-	*ok = pclose(p) == 0;
-
-	std::istringstream lines(text);
-	for (std::string line; std::getline(lines, line);) {
-		std::vector<std::string> row;
-		std::istringstream cells(line);
-		for (std::string cell; std::getline(cells, cell, '\t');)
-			row.push_back(cell);
-		row.resize(fields.size());  // trailing empty fields
-		rows.push_back(row);
-	}
-	return rows;
 }

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <sstream>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "capture.h"
+#include "support/tshark.h"
 
 #include "decode/dns.h"
 #include "decode/http.h"
@@ -31,8 +31,6 @@ std::vector<std::string> split(const std::string &s)  // tshark's "a,b,c"
 		out.push_back(v);
 	return out;
 }
-
-bool have_tshark() { return system("tshark --version >/dev/null 2>&1") == 0; }
 
 std::string ascii_lower(std::string s)
 {
@@ -56,12 +54,11 @@ TEST(DecoderCaptures, DnsMessagesMatchTshark)
 
 	auto segs = read_capture(kData + "dns.pcap");
 	ASSERT_EQ(segs.size(), 32u) << "tests/data/dns.pcap missing or unreadable";
-	bool ok;
-	auto rows = tshark_fields(kData + "dns.pcap", "dns",
+	TsharkRows rows;
+	ASSERT_TRUE(tshark_fields(kData + "dns.pcap", "", "dns",
 				  { "frame.number", "dns.flags.response", "dns.flags.rcode", "dns.count.answers",
 				    "dns.qry.name", "dns.qry.class", "dns.a", "dns.aaaa" },
-				  &ok);
-	ASSERT_TRUE(ok);
+				  &rows));
 	ASSERT_EQ(rows.size(), segs.size());
 
 	int responses_with_addrs = 0;
@@ -120,10 +117,9 @@ TEST(DecoderCaptures, HttpRequestsMatchTshark)
 
 	auto segs = read_capture(kData + "http.pcap");
 	ASSERT_FALSE(segs.empty()) << "tests/data/http.pcap missing or unreadable";
-	bool ok;
-	auto rows = tshark_fields(kData + "http.pcap", "http.request",
-				  { "tcp.srcport", "http.request.uri", "http.host" }, &ok);
-	ASSERT_TRUE(ok);
+	TsharkRows rows;
+	ASSERT_TRUE(tshark_fields(kData + "http.pcap", "", "http.request",
+				  { "tcp.srcport", "http.request.uri", "http.host" }, &rows));
 	ASSERT_EQ(rows.size(), 12u);
 
 	// The forward hooks decode the first data segment of each connection.

@@ -3,9 +3,6 @@
 // read back the flags, sequence numbers and the redirect.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <sstream>
 #include <unistd.h>
 
 #include "tests/forge/fixture.h"
@@ -15,6 +12,7 @@
 #include "forge/output.h"
 #include "forge/rebuild.h"
 #include "sim/pcap.h"
+#include "support/tshark.h"
 
 using namespace forge_test;
 
@@ -26,30 +24,18 @@ struct Dissected {
 
 std::vector<Dissected> tshark(const std::string &pcap)
 {
-	std::string cmd = "tshark -n -r " + pcap +
-			  " -o ip.check_checksum:TRUE -o tcp.check_checksum:TRUE"
-			  " -o tcp.relative_sequence_numbers:FALSE -T fields -E separator=/t"
-			  " -e ip.checksum.status -e tcp.checksum.status -e tcp.flags -e tcp.seq"
-			  " -e tcp.ack -e http.response.code -e http.location -e tcp.window_size_value"
-			  " 2>/dev/null";
+	const std::string options = std::string(kTsharkCheckChecksums) + " -o tcp.relative_sequence_numbers:FALSE";
+	TsharkRows rows;
 	std::vector<Dissected> out;
-	FILE *p = popen(cmd.c_str(), "r");
-	if (!p)
+	if (!tshark_fields(pcap, options, "",
+			   { "ip.checksum.status", "tcp.checksum.status", "tcp.flags", "tcp.seq", "tcp.ack",
+			     "http.response.code", "http.location", "tcp.window_size_value" },
+			   &rows)) {
+		ADD_FAILURE() << "tshark failed on " << pcap;
 		return out;
-	char line[4096];
-	while (fgets(line, sizeof(line), p)) {
-		std::string l(line);
-		if (!l.empty() && l.back() == '\n')
-			l.pop_back();
-		std::vector<std::string> f;
-		std::stringstream ss(l);
-		std::string item;
-		while (std::getline(ss, item, '\t'))
-			f.push_back(item);
-		f.resize(8);
-		out.push_back({ f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7] });
 	}
-	pclose(p);
+	for (const auto &f : rows)
+		out.push_back({ f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7] });
 	return out;
 }
 
@@ -57,7 +43,7 @@ std::vector<Dissected> tshark(const std::string &pcap)
 
 TEST_F(Forge, TsharkValidatesForgedSegments)
 {
-	if (system("command -v tshark >/dev/null 2>&1") != 0)
+	if (!have_tshark())
 		GTEST_SKIP() << "tshark is not installed: the wire-format cross-check needs it";
 
 	const char *url = "http://block.example/deny?c=7";

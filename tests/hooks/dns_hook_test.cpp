@@ -2,12 +2,13 @@
 // and hand-made messages, the tables they fill, the lines they log.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "flow_fixture.h"
+#include "support/tshark.h"
 #include "linux/netfilter.h"
 #include "hooks/update_host.h"
 #include "lists/unblock.h"
@@ -18,29 +19,18 @@ using namespace flows;
 
 namespace {
 
-bool have_tshark() { return system("command -v tshark >/dev/null 2>&1") == 0; }
-
 // tshark's reading of the answers in one frame of the capture.
 std::set<std::string> tshark_answers(int frame, const char *field)
 {
 	std::set<std::string> out;
-	std::string cmd = "tshark -r " DNSHOOK_SOURCE_DIR "/tests/data/dns.pcap -Y frame.number==" +
-			  std::to_string(frame) + " -T fields -E separator=, -e " + field + " 2>/dev/null";
-	FILE *p = popen(cmd.c_str(), "r");
-	char buf[4096];
-	std::string all;
-	while (p && fgets(buf, sizeof(buf), p))
-		all += buf;
-	if (p)
-		pclose(p);
-	size_t start = 0;
-	while (start < all.size()) {
-		size_t end = all.find_first_of(",\n", start);
-		if (end == std::string::npos)
-			end = all.size();
-		if (end > start)
-			out.insert(all.substr(start, end - start));
-		start = end + 1;
+	TsharkRows rows;
+	EXPECT_TRUE(tshark_fields(DNSHOOK_SOURCE_DIR "/tests/data/dns.pcap", "", "frame.number==" + std::to_string(frame),
+				  { field }, &rows));
+	for (const auto &row : rows) {
+		std::istringstream values(row[0]); // "a,b,c"
+		for (std::string v; std::getline(values, v, ',');)
+			if (!v.empty())
+				out.insert(v);
 	}
 	return out;
 }

@@ -2,13 +2,12 @@
 #include <arpa/inet.h>
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 
 #include "flow_fixture.h"
 
 #include "core/rating.h"
 #include "linux/list.h"
+#include "sim/pcap.h"
 #include "track/dns_table.h"
 #include "track/pct_table.h"
 #include "track/ssl_table.h"
@@ -89,26 +88,15 @@ Bytes dns_response(uint16_t id, const std::string &name, const std::vector<const
 
 // ---- the capture ----
 
-static uint32_t le32(const uint8_t *p) { return p[0] | p[1] << 8 | p[2] << 16 | (uint32_t)p[3] << 24; }
-
 const std::vector<Bytes> &dns_capture()
 {
 	static std::vector<Bytes> frames;
 	if (!frames.empty())
 		return frames;
-	std::ifstream f(std::string(DNSHOOK_SOURCE_DIR) + "/tests/data/dns.pcap", std::ios::binary);
-	Bytes all((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-	// Little-endian classic pcap (microseconds or nanoseconds), Ethernet.
-	if (all.size() < 24 || (le32(&all[0]) != 0xa1b2c3d4 && le32(&all[0]) != 0xa1b23c4d) ||
-	    le32(&all[20]) != 1)
-		return frames;
-	for (size_t p = 24; p + 16 <= all.size();) {
-		uint32_t incl = le32(&all[p + 8]);
-		if (p + 16 + incl > all.size())
-			break;
-		frames.emplace_back(all.begin() + p + 16, all.begin() + p + 16 + incl);
-		p += 16 + incl;
-	}
+	sim::PcapLink link;
+	if (!sim::pcap_read(std::string(DNSHOOK_SOURCE_DIR) + "/tests/data/dns.pcap", &frames, &link) ||
+	    link != sim::PCAP_ETHERNET)
+		frames.clear();
 	return frames;
 }
 

@@ -5,36 +5,31 @@
 // ones are replayed to the server and blocked ones get the redirect.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <fstream>
 #include <map>
 #include <set>
 #include <string>
 
 #include "tests/hooks/http_fixture.h"
 
+#include "sim/pcap.h"
+#include "support/tshark.h"
+
 using namespace http_test;
 
 namespace {
 
+const std::string kBrowserPcap = std::string(DNSHOOK_SOURCE_DIR) + "/tests/data/browser/browser.pcap";
+
 // The IP packets of an Ethernet pcap file.
 std::vector<Bytes> read_pcap(const std::string &path)
 {
-	std::ifstream f(path, std::ios::binary);
-	std::vector<Bytes> out;
-	uint8_t gh[24];
-	if (!f.read((char *)gh, sizeof(gh)))
+	std::vector<Bytes> frames, out;
+	sim::PcapLink link;
+	if (!sim::pcap_read(path, &frames, &link) || link != sim::PCAP_ETHERNET)
 		return out;
-	uint8_t rh[16];
-	while (f.read((char *)rh, sizeof(rh))) {
-		uint32_t incl;
-		memcpy(&incl, rh + 8, 4);
-		Bytes frame(incl);
-		if (!f.read((char *)frame.data(), incl))
-			break;
-		if (incl > 14)
+	for (const Bytes &frame : frames)
+		if (frame.size() > 14)
 			out.emplace_back(frame.begin() + 14, frame.end());
-	}
 	return out;
 }
 
@@ -45,7 +40,7 @@ uint16_t port_at(const Bytes &ip, size_t off) { return ip[off] << 8 | ip[off + 1
 TEST_F(HttpScenario, BrowserCaptureIsRatedOnceAndJudgedByTheBlockList)
 {
 	const std::set<std::string> blocked = { "games.blocked.test" };
-	auto packets = read_pcap(std::string(DNSHOOK_SOURCE_DIR) + "/tests/data/browser/browser.pcap");
+	auto packets = read_pcap(kBrowserPcap);
 	ASSERT_GT(packets.size(), 50u);
 	services(true, false);
 	r.route("10.61.1.0/24", r.br0(), KMODEL_OUT_HH, &sim::kClientMac);
@@ -102,22 +97,13 @@ TEST_F(HttpScenario, BrowserCaptureIsRatedOnceAndJudgedByTheBlockList)
 					       "news.allowed.test", "shop.allowed.test" }),
 		  hosts);
 
-	if (system("command -v tshark >/dev/null 2>&1") == 0) {
-		std::string cmd = "tshark -n -r " + std::string(DNSHOOK_SOURCE_DIR) +
-				  "/tests/data/browser/browser.pcap -Y http.request -T fields -e tcp.srcport"
-				  " -e http.host 2>/dev/null";
-		FILE *p = popen(cmd.c_str(), "r");
-		ASSERT_NE(nullptr, p);
+	if (have_tshark()) {
+		TsharkRows rows;
+		ASSERT_TRUE(tshark_fields(kBrowserPcap, "", "http.request", { "tcp.srcport", "http.host" }, &rows));
 		std::map<uint16_t, std::string> first; // tshark's first request of each connection
-		unsigned port;
-		char host[256];
-		size_t requests = 0;
-		while (fscanf(p, "%u\t%255s\n", &port, host) == 2) {
-			requests++;
-			first.emplace(port, host);
-		}
-		pclose(p);
-		EXPECT_EQ(9u, requests);
+		for (const auto &row : rows)
+			first.emplace((uint16_t)std::stoul(row[0]), row[1]);
+		EXPECT_EQ(9u, rows.size());
 		EXPECT_EQ(first, rated);
 	}
 	EXPECT_EQ(0, kmodel_skb_stats_get().live);

@@ -2,7 +2,6 @@
 // dispatcher, with a scripted daemon.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "tests/hooks/http_fixture.h"
@@ -10,6 +9,7 @@
 #include "lists/unblock.h"
 #include "net/netfilter/nf_conntrack.h"
 #include "sim/pcap.h"
+#include "support/tshark.h"
 
 using namespace http_test;
 
@@ -115,21 +115,15 @@ TEST_F(HttpScenario, BlockAnswersTheClientAndClosesTheConnection)
 	EXPECT_EQ(std::string(kBlockUrl), record(c)->redirect_url);
 	EXPECT_EQ(nullptr, record(c)->held_skb);
 
-	if (system("command -v tshark >/dev/null 2>&1") == 0) {
+	if (have_tshark()) {
 		std::string pcap = testing::TempDir() + "http_block.pcap";
 		ASSERT_TRUE(sim::pcap_write(pcap, client_got, sim::PCAP_RAW_IP));
-		std::string cmd = "tshark -n -r " + pcap +
-				  " -o ip.check_checksum:TRUE -o tcp.check_checksum:TRUE -T fields"
-				  " -e ip.checksum.status -e tcp.checksum.status -e http.response.code"
-				  " -e http.location 2>/dev/null";
-		FILE *p = popen(cmd.c_str(), "r");
-		ASSERT_NE(nullptr, p);
-		std::string out;
-		char buf[512];
-		while (fgets(buf, sizeof(buf), p))
-			out += buf;
-		pclose(p);
-		EXPECT_EQ("1\t1\t\t\n1\t1\t302\t" + std::string(kBlockUrl) + "\n", out);
+		TsharkRows rows;
+		ASSERT_TRUE(tshark_fields(pcap, kTsharkCheckChecksums, "",
+					  { "ip.checksum.status", "tcp.checksum.status", "http.response.code",
+					    "http.location" },
+					  &rows));
+		EXPECT_EQ((TsharkRows{ { "1", "1", "", "" }, { "1", "1", "302", kBlockUrl } }), rows);
 	}
 
 	// The server's answer never reaches the client, and nothing of the

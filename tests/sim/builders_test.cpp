@@ -1,9 +1,6 @@
 // The packet builders judged by tshark, and the router's traversal.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,39 +11,29 @@
 #include "net/netfilter/nf_conntrack.h"
 #include "sim/pcap.h"
 #include "sim/router.h"
+#include "support/tshark.h"
 
 namespace {
 
 using namespace sim;
 
-bool have_tshark() { return system("command -v tshark >/dev/null 2>&1") == 0; }
-
-std::vector<std::string> run(const std::string &cmd)
-{
-	std::vector<std::string> lines;
-	FILE *p = popen(cmd.c_str(), "r");
-	if (!p)
-		return lines;
-	char buf[4096];
-	while (fgets(buf, sizeof(buf), p)) {
-		std::string l = buf;
-		if (!l.empty() && l.back() == '\n')
-			l.pop_back();
-		lines.push_back(l);
-	}
-	pclose(p);
-	return lines;
-}
-
 // tshark's view of each packet: checksum statuses (1 good, 0 bad) and a
-// few decoded fields, tab-separated.
-std::vector<std::string> tshark_fields(const std::vector<Bytes> &pkts, PcapLink link, const char *fields)
+// few decoded fields, one tab-separated line per packet.
+std::vector<std::string> tshark_lines(const std::vector<Bytes> &pkts, PcapLink link,
+				      const std::vector<std::string> &fields)
 {
 	std::string path = std::string(DNSHOOK_BINARY_DIR) + "/builders_test.pcap";
 	EXPECT_TRUE(pcap_write(path, pkts, link));
-	return run("tshark -r " + path +
-		   " -o ip.check_checksum:TRUE -o tcp.check_checksum:TRUE -o udp.check_checksum:TRUE"
-		   " -T fields -E separator=/t " + fields + " 2>/dev/null");
+	TsharkRows rows;
+	EXPECT_TRUE(tshark_fields(path, kTsharkCheckChecksums, "", fields, &rows));
+	std::vector<std::string> lines;
+	for (const auto &row : rows) {
+		std::string l;
+		for (size_t i = 0; i < row.size(); i++)
+			l += (i ? "\t" : "") + row[i];
+		lines.push_back(l);
+	}
+	return lines;
 }
 
 TEST(Builders, TsharkValidatesChecksumsAndFields)
@@ -79,9 +66,9 @@ TEST(Builders, TsharkValidatesChecksumsAndFields)
 
 	std::vector<Bytes> pkts = {ip4_tcp(v4, t), ip4_udp(v4, u), ip6_tcp(v6, t), ip6_udp(v6, u),
 				   ip4_tcp(v4, bad), ip4_tcp(badip, t), ip6_udp(v6, badu)};
-	auto rows = tshark_fields(pkts, PCAP_RAW_IP,
-				  "-e ip.checksum.status -e tcp.checksum.status -e udp.checksum.status"
-				  " -e tcp.seq_raw -e tcp.ack_raw -e tcp.len -e ip.hdr_len -e ipv6.nxt");
+	auto rows = tshark_lines(pkts, PCAP_RAW_IP,
+				 { "ip.checksum.status", "tcp.checksum.status", "udp.checksum.status", "tcp.seq_raw",
+				   "tcp.ack_raw", "tcp.len", "ip.hdr_len", "ipv6.nxt" });
 	std::vector<std::string> want = {
 		"1\t1\t\t287454020\t1432778632\t201\t24\t",
 		"1\t\t1\t\t\t\t24\t",
@@ -94,8 +81,8 @@ TEST(Builders, TsharkValidatesChecksumsAndFields)
 	EXPECT_EQ(want, rows);
 
 	// Framed packets decode as Ethernet with the right addresses.
-	auto eth = tshark_fields({ether(kBr0Mac, kClientMac, pkts[0]), ether(kBr0Mac, kClientMac, pkts[2])},
-				 PCAP_ETHERNET, "-e eth.src -e eth.type -e tcp.checksum.status");
+	auto eth = tshark_lines({ether(kBr0Mac, kClientMac, pkts[0]), ether(kBr0Mac, kClientMac, pkts[2])},
+				PCAP_ETHERNET, { "eth.src", "eth.type", "tcp.checksum.status" });
 	EXPECT_EQ((std::vector<std::string>{"00:11:22:33:44:55\t0x0800\t1", "00:11:22:33:44:55\t0x86dd\t1"}), eth);
 }
 
