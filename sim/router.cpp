@@ -185,10 +185,12 @@ Verdict Router::forward_frame(const Bytes &frame, struct net_device *in, struct 
 	bool v6 = is_v6(ip);
 	size_t lin = linear > ip.size() ? ip.size() : linear;
 
-	// A driver's receive buffer: what the frame leaves free is tail room.
+	// A driver's receive buffer: NET_SKB_PAD + NET_IP_ALIGN in front, so
+	// the IP header behind the Ethernet header is 4-byte aligned; what the
+	// frame leaves free is tail room.
 	size_t head = ETH_HLEN + lin;
 	size_t room = head < KMODEL_RX_BUFFER ? KMODEL_RX_BUFFER - head : 0;
-	struct sk_buff *skb = kmodel_skb_build(frame.data(), frame.size(), head, 64, 0, room);
+	struct sk_buff *skb = kmodel_skb_build(frame.data(), frame.size(), head, NET_SKB_PAD + NET_IP_ALIGN, 0, room);
 	skb_reset_mac_header(skb);
 	skb_pull(skb, ETH_HLEN);
 	skb->mac_len = ETH_HLEN;

@@ -63,6 +63,15 @@ void kmodel_fail_alloc_nth(long n) { g_fail_nth = n; }
 void kmodel_fail_alloc_flags(gfp_t flags) { g_fail_flags = flags; }
 bool kmodel_is_live(const void *p) { return g_live.count(p) != 0; }
 
+void kmodel_free_all(void)
+{
+	for (auto &[p, size] : g_live)
+		free(const_cast<void *>(p));
+	g_live.clear();
+	g_stats.live_blocks = 0;
+	g_stats.live_bytes = 0;
+}
+
 void kmodel_slab_reset(void)
 {
 	g_live.clear();

@@ -41,6 +41,10 @@ void kmodel_fail_alloc_nth(long n);
 // Every kmalloc with exactly these flags fails while set; 0 disarms.
 void kmodel_fail_alloc_flags(gfp_t flags);
 bool kmodel_is_live(const void *p);
+// Frees every block still live. For hosts that load and unload the filter
+// many times in one process (fuzzers): after an unload, what the filter
+// leaks on purpose would otherwise pile up. The filter must not be loaded.
+void kmodel_free_all(void);
 
 // ---- random ----
 void kmodel_seed_random(uint64_t seed);
