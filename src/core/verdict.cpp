@@ -89,12 +89,32 @@ static void reply_headers6(const struct rating_reply *reply, struct ipv6hdr *ip6
 	th->dest = reply->dst_port;
 }
 
-// PC, non-HTTP: the HTTPS flow's state and trust.
+// PC, non-HTTP: the state an HTTPS flow takes for a verdict, with its log
+// line; 0 for a verdict that changes nothing.
+static int ssl_verdict_state(u32 verdict, const char *fn, const char *host)
+{
+	switch (verdict) {
+	case WHITE_PASS:
+		printk(KERN_DEBUG "[%s]: [PC]non-HTTP: host=%s --> WHITE_PASS\n", fn, host);
+		return STATE_WHITE_PASS;
+	case PASS:
+		printk(KERN_DEBUG "[%s]: [PC]non-HTTP: host=%s --> PASS\n", fn, host);
+		return STATE_PASS;
+	case BLOCK:
+		printk(KERN_DEBUG "[%s]: [PC]non-HTTP: host=%s --> BLOCK\n", fn, host);
+		return STATE_BLOCK;
+	}
+	return 0;
+}
+
+// Every known verdict makes the flow trusted; WHITE_PASS also marks the
+// connection white.
 static int ssl_verdict(const struct rating_reply *reply, const char *fn)
 {
 	struct ssl_tracking *rec;
 	struct iphdr iph;
 	struct tcphdr th;
+	int state;
 
 	reply_headers(reply, &iph, &th);
 	rec = ssl_find(&iph);
@@ -102,24 +122,13 @@ static int ssl_verdict(const struct rating_reply *reply, const char *fn)
 		printk(KERN_DEBUG "[%s]: no ssl tracking found\n", fn);
 		return 0;
 	}
-	switch (reply->verdict) {
-	case WHITE_PASS:
-		printk(KERN_DEBUG "[%s]: [PC]non-HTTP: host=%s --> WHITE_PASS\n", fn, rec->host);
-		ssl_update_state(rec, STATE_WHITE_PASS);
-		ssl_update_trust(rec, 1);
+	state = ssl_verdict_state(reply->verdict, fn, rec->host);
+	if (!state)
+		return 0;
+	ssl_update_state(rec, state);
+	ssl_update_trust(rec, 1);
+	if (state == STATE_WHITE_PASS)
 		set_white_mark(rec->nfconn);
-		break;
-	case PASS:
-		printk(KERN_DEBUG "[%s]: [PC]non-HTTP: host=%s --> PASS\n", fn, rec->host);
-		ssl_update_state(rec, STATE_PASS);
-		ssl_update_trust(rec, 1);
-		break;
-	case BLOCK:
-		printk(KERN_DEBUG "[%s]: [PC]non-HTTP: host=%s --> BLOCK\n", fn, rec->host);
-		ssl_update_state(rec, STATE_BLOCK);
-		ssl_update_trust(rec, 1);
-		break;
-	}
 	return 0;
 }
 
@@ -128,6 +137,7 @@ static int ssl6_verdict(const struct rating_reply *reply, const char *fn)
 	struct ssl6_tracking *rec;
 	struct ipv6hdr ip6h;
 	struct tcphdr th;
+	int state;
 
 	reply_headers6(reply, &ip6h, &th);
 	rec = ssl6_find(&ip6h);
@@ -135,24 +145,13 @@ static int ssl6_verdict(const struct rating_reply *reply, const char *fn)
 		printk(KERN_DEBUG "[%s]: no ssl tracking found\n", fn);
 		return 0;
 	}
-	switch (reply->verdict) {
-	case WHITE_PASS:
-		printk(KERN_DEBUG "[%s]: [PC]non-HTTP: host=%s --> WHITE_PASS\n", fn, rec->host);
-		ssl6_update_state(rec, STATE_WHITE_PASS);
-		ssl6_update_trust(rec, 1);
+	state = ssl_verdict_state(reply->verdict, fn, rec->host);
+	if (!state)
+		return 0;
+	ssl6_update_state(rec, state);
+	ssl6_update_trust(rec, 1);
+	if (state == STATE_WHITE_PASS)
 		set_white_mark(rec->nfconn);
-		break;
-	case PASS:
-		printk(KERN_DEBUG "[%s]: [PC]non-HTTP: host=%s --> PASS\n", fn, rec->host);
-		ssl6_update_state(rec, STATE_PASS);
-		ssl6_update_trust(rec, 1);
-		break;
-	case BLOCK:
-		printk(KERN_DEBUG "[%s]: [PC]non-HTTP: host=%s --> BLOCK\n", fn, rec->host);
-		ssl6_update_state(rec, STATE_BLOCK);
-		ssl6_update_trust(rec, 1);
-		break;
-	}
 	return 0;
 }
 

@@ -162,47 +162,40 @@ static void format_page(char *page, const char *url)
 	page[BLKPAGE_LEN - 1] = '\0';
 }
 
-int send_blkpage(const char *url, struct sk_buff *skb)
+// A copy of the request segment becomes the redirect. Whether routing
+// worked is not asked: without a new route the copy leaves by the route it
+// inherited. A copy too small to hold the page is dropped.
+static int send_page(const char *url, struct sk_buff *skb, int (*redirect)(struct sk_buff *, const char *),
+		     const char *copy_fail_line, const char *fn)
 {
 	char page[BLKPAGE_LEN];
 	struct sk_buff *nskb;
 
 	nskb = skb_copy(skb, GFP_ATOMIC);
 	if (!nskb) {
-		printk(KERN_ERR "[%s]: skb_copy  error in function send_blkpage!\n\n", __func__);
+		printk(copy_fail_line, fn);
 		return -1;
 	}
 	format_page(page, url);
-	// Without a new route the redirect leaves by the route it inherited.
-	if (redirect_packet(nskb, page) == -EINVAL) {
+	if (redirect(nskb, page) == -EINVAL) {
 		kfree_skb(nskb);
 		return -1;
 	}
 	if (output_packet(nskb) < 0) {
-		printk(KERN_ERR "[%s]: send block page failed!\n\n", __func__);
+		printk(KERN_ERR "[%s]: send block page failed!\n\n", fn);
 		return -1;
 	}
 	return 0;
 }
 
+int send_blkpage(const char *url, struct sk_buff *skb)
+{
+	return send_page(url, skb, redirect_packet,
+			 KERN_ERR "[%s]: skb_copy  error in function send_blkpage!\n\n", __func__);
+}
+
 int send_blkpage6(const char *url, struct sk_buff *skb)
 {
-	char page[BLKPAGE_LEN];
-	struct sk_buff *nskb;
-
-	nskb = skb_copy(skb, GFP_ATOMIC);
-	if (!nskb) {
-		printk(KERN_ERR "[%s]: skb_copy  error in send_blkpage6!\n\n", __func__);
-		return -1;
-	}
-	format_page(page, url);
-	if (redirect_packet6(nskb, page) == -EINVAL) {
-		kfree_skb(nskb);
-		return -1;
-	}
-	if (output_packet(nskb) < 0) {
-		printk(KERN_ERR "[%s]: send block page failed!\n\n", __func__);
-		return -1;
-	}
-	return 0;
+	return send_page(url, skb, redirect_packet6,
+			 KERN_ERR "[%s]: skb_copy  error in send_blkpage6!\n\n", __func__);
 }

@@ -2,7 +2,6 @@
 // the tracking states of tcp_table, sends each connection's first request
 // for rating, holds the connection until the verdict, and answers blocked
 // connections itself (block page, server reset, closing handshake).
-#include "core/channel.h"
 #include "core/rating.h"
 #include "decode/http.h"
 #include "forge/answer.h"
@@ -96,13 +95,7 @@ static unsigned int forward_rate(struct tcp_tracking *rec, struct sk_buff *skb,
 	req->src_port = p->th->source;
 	req->dst_port = p->th->dest;
 
-	// A copy left from an earlier round is the record's to drop.
-	if (rec->held_skb)
-		kfree_skb(rec->held_skb);
-	rec->held_skb = skb_copy(skb, GFP_ATOMIC);
-	send_to_user(0, req, sizeof(*req));
-	tcp_update_state(rec, STATE_RATING);
-	kfree(req);
+	http_hold_and_rate(rec, skb, req);
 	return NF_ACCEPT;
 }
 

@@ -4,7 +4,6 @@
 // IPv4 table's delete, an undecodable request from a time-blocked device
 // is blocked, the last ACK does not count the client's FIN, and every
 // step leaves a debug line.
-#include "core/channel.h"
 #include "core/rating.h"
 #include "decode/http.h"
 #include "forge/answer.h"
@@ -129,12 +128,7 @@ static unsigned int forward_rate6(struct tcp_tracking *rec, struct sk_buff *skb,
 	req->src_port = p->th->source;
 	req->dst_port = p->th->dest;
 
-	if (rec->held_skb)
-		kfree_skb(rec->held_skb);
-	rec->held_skb = skb_copy(skb, GFP_ATOMIC);
-	send_to_user(0, req, sizeof(*req));
-	tcp_update_state(rec, STATE_RATING);
-	kfree(req);
+	http_hold_and_rate(rec, skb, req);
 	return NF_ACCEPT;
 }
 

@@ -1,6 +1,7 @@
 // Rating requests of HTTP connections.
 #include "hooks/http_request.h"
 
+#include "core/channel.h"
 #include "hooks/common.h"
 #include "linux/slab.h"
 #include "linux/string.h"
@@ -27,4 +28,14 @@ struct rating_request *http_rating_request(int mode, const struct net_device *in
 	if (req->service == RATING_PC_REQUEST)
 		memcpy(req->mac, client_mac(skb), sizeof(req->mac));
 	return req;
+}
+
+void http_hold_and_rate(struct tcp_tracking *rec, struct sk_buff *skb, struct rating_request *req)
+{
+	if (rec->held_skb)
+		kfree_skb(rec->held_skb);
+	rec->held_skb = skb_copy(skb, GFP_ATOMIC);
+	send_to_user(0, req, sizeof(*req));
+	tcp_update_state(rec, STATE_RATING);
+	kfree(req);
 }

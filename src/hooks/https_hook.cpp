@@ -87,6 +87,19 @@ static unsigned int https_request_rating(struct ssl_tracking *rec, const u8 *mac
 	return NF_DROP;
 }
 
+// The entry step of both families. With WP on as well, WP governs
+// everything but the second bridge; a packet that leaves by the device it
+// came in on is not judged.
+static int https_judged(const struct sk_buff *skb, const struct net_device *in,
+			const struct net_device *out)
+{
+	if (wp_enabled && in && !dev_is(in, "br1"))
+		return 0;
+	if (!skb || !in || !out)
+		return 0;
+	return strcmp(in->name, out->name) != 0;
+}
+
 // The IPv4 body, for a packet between two different devices.
 static unsigned int https_forward_judge(struct sk_buff *skb, const struct net_device *in,
 					const struct net_device *out)
@@ -141,12 +154,7 @@ static unsigned int https_forward_judge(struct sk_buff *skb, const struct net_de
 unsigned int https_forward_hook(unsigned int, struct sk_buff *skb, const struct net_device *in,
 				const struct net_device *out, int (*)(struct sk_buff *))
 {
-	// With WP on as well, WP governs everything but the second bridge.
-	if (wp_enabled && in && !dev_is(in, "br1"))
-		return NF_ACCEPT;
-	if (!skb || !in || !out)
-		return NF_ACCEPT;
-	if (strcmp(in->name, out->name) == 0)
+	if (!https_judged(skb, in, out))
 		return NF_ACCEPT;
 	return https_forward_judge(skb, in, out);
 }
@@ -262,11 +270,7 @@ static unsigned int https6_forward_judge(struct sk_buff *skb, const struct net_d
 unsigned int https6_forward_hook(unsigned int, struct sk_buff *skb, const struct net_device *in,
 				 const struct net_device *out, int (*)(struct sk_buff *))
 {
-	if (wp_enabled && in && !dev_is(in, "br1"))
-		return NF_ACCEPT;
-	if (!skb || !in || !out)
-		return NF_ACCEPT;
-	if (strcmp(in->name, out->name) == 0)
+	if (!https_judged(skb, in, out))
 		return NF_ACCEPT;
 	return https6_forward_judge(skb, in, out);
 }
