@@ -7,15 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "flow_fixture.h"
-#include "support/tshark.h"
-#include "linux/netfilter.h"
+#include "tests/hooks/fixture.h"
+
 #include "hooks/update_host.h"
 #include "lists/unblock.h"
-#include "track/dns_table.h"
-#include "track/ssl_table.h"
+#include "support/tshark.h"
 
-using namespace flows;
+using namespace hooks_test;
 
 namespace {
 
@@ -55,26 +53,13 @@ std::set<std::string> addrs_of(const std::vector<V> &v, const std::string &host)
 	return s;
 }
 
-class DnsHook : public FlowTest {
-protected:
-	void feed(std::initializer_list<int> frames)
-	{
-		const auto &cap = dns_capture();
-		ASSERT_FALSE(cap.empty()) << "tests/data/dns.pcap missing";
-		for (int n : frames) {
-			// Odd frames are dig's queries, even frames dnsmasq's answers.
-			auto v = frame(cap.at(n - 1), n % 2 == 1);
-			ASSERT_TRUE(v.accepted()) << "frame " << n;
-		}
-	}
-};
+using DnsHook = HookTest;
 
 } // namespace
 
 TEST_F(DnsHook, CapturedLookupsSeedTheTablesOfTheSlotsFamily)
 {
-	wp(true);
-	pc(true);
+	services(true, true);
 	// www A and AAAA over IPv4, then alias (a CNAME chain to www) A over IPv6.
 	feed({ 1, 2, 3, 4, 27, 28 });
 
@@ -123,7 +108,7 @@ TEST_F(DnsHook, CapturedLookupsSeedTheTablesOfTheSlotsFamily)
 
 TEST_F(DnsHook, OnlyChangedSlotsAreSeededAgain)
 {
-	wp(true);
+	services(true, false);
 	feed({ 11, 12 }); // multi: 10.53.1.22, .21, .23
 	EXPECT_EQ(3u, pct_records().size());
 	feed({ 12 }); // the same answer: every slot compares equal
@@ -151,8 +136,7 @@ TEST_F(DnsHook, OnlyChangedSlotsAreSeededAgain)
 
 TEST_F(DnsHook, AnswersWithoutUsableQueryChangeNothing)
 {
-	wp(true);
-	pc(true);
+	services(true, true);
 	feed({ 2 }); // an answer nobody asked for
 	EXPECT_TRUE(dns_records().empty());
 	EXPECT_TRUE(pct_records().empty());
@@ -174,40 +158,47 @@ TEST_F(DnsHook, AnswersWithoutUsableQueryChangeNothing)
 	EXPECT_EQ(Lines{}, dns_lines());
 }
 
+// The same name from a second client right after the first: the answer
+// goes to the newest entry, so the flow is recorded for the second.
 TEST_F(DnsHook, TheNewestQueryTakesTheAnswer)
 {
-	pc(true);
+	services(false, true);
 	auto q = dns_query(7, "shop.example.test");
-	out(udp4(kClient, kResolver, 40001, 53, q));
-	out(udp4(kClient2, kResolver, 40002, 53, q), kClient2Mac);
+	up(udp(kClient, kResolver, 40001, 53, q));
+	up(udp(kClient2, kResolver, 40002, 53, q), kClient2Mac);
 	// The second client asks again: its (newest) entry is refreshed.
-	out(udp4(kClient2, kResolver, 40002, 53, q), kClient2Mac);
+	up(udp(kClient2, kResolver, 40002, 53, q), kClient2Mac);
 	ASSERT_EQ(2u, dns_records().size());
-	in(udp4(kResolver, kClient, 53, 40001, dns_response(7, "shop.example.test", { kServer })));
+	down(udp(kResolver, kClient, 53, 40001, dns_response(7, "shop.example.test", { kServer })));
 	auto dns = dns_records();
 	EXPECT_EQ(0, dns[0].addrs);
 	EXPECT_EQ(1, dns[1].addrs);
 	auto ssl = ssl_records();
 	ASSERT_EQ(1u, ssl.size());
 	EXPECT_EQ(kClient2, ssl[0].client);
+	EXPECT_TRUE(dropped(up(tcp(kClient2, kServer, 40000, 443), kClient2Mac)));
+	EXPECT_EQ(1u, requests().size());
+	// The first client's flow matches no record: only the lists apply.
+	EXPECT_TRUE(up(tcp(kClient, kServer, 40000, 443)).accepted());
+	EXPECT_TRUE(requests().empty());
 	// The first client asks once more: the first entry found is the second
 	// client's, so a third entry is made.
-	out(udp4(kClient, kResolver, 40001, 53, q));
+	up(udp(kClient, kResolver, 40001, 53, q));
 	EXPECT_EQ(3u, dns_records().size());
 }
 
 TEST_F(DnsHook, UpdateHostRecordsAreNeverDuplicatedAndSurviveSweeps)
 {
-	wp(true);
+	services(true, false);
 	const char *host = fw_update_host;
 	// Written in capitals by the client; the decoder lower-cases it.
 	std::string upper = host;
 	for (auto &c : upper)
 		c = toupper(c);
-	out(udp4(kClient, kResolver, 40001, 53, dns_query(1, upper)));
-	in(udp4(kResolver, kClient, 53, 40001, dns_response(1, host, { "198.51.100.7" })));
+	up(udp(kClient, kResolver, 40001, 53, dns_query(1, upper)));
+	down(udp(kResolver, kClient, 53, 40001, dns_response(1, host, { "198.51.100.7" })));
 	// Slot 0 changes, slot 1 holds an address already in the table.
-	in(udp4(kResolver, kClient, 53, 40001, dns_response(1, host, { "198.51.100.8", "198.51.100.7" })));
+	down(udp(kResolver, kClient, 53, 40001, dns_response(1, host, { "198.51.100.8", "198.51.100.7" })));
 	auto pct = pct_records();
 	ASSERT_EQ(2u, pct.size());
 	// The refresh moved the found record behind the new one.
@@ -216,14 +207,14 @@ TEST_F(DnsHook, UpdateHostRecordsAreNeverDuplicatedAndSurviveSweeps)
 	EXPECT_EQ(1, pct[0].keep);
 	EXPECT_EQ(1, pct[1].keep);
 
-	out(udp4(kClient, kResolver, 40001, 53, dns_query(2, "other.example.test")));
-	in(udp4(kResolver, kClient, 53, 40001, dns_response(2, "other.example.test", { kServer })));
+	up(udp(kClient, kResolver, 40001, 53, dns_query(2, "other.example.test")));
+	down(udp(kResolver, kClient, 53, 40001, dns_response(2, "other.example.test", { kServer })));
 	ASSERT_EQ(3u, pct_records().size());
 	// Past every deadline, a new answer sweeps: the ordinary record goes,
 	// the update host's stay.
-	router.advance(600001);
-	out(udp4(kClient, kResolver, 40001, 53, dns_query(3, "late.example.test")));
-	in(udp4(kResolver, kClient, 53, 40001, dns_response(3, "late.example.test", { "203.0.113.5" })));
+	r.advance(600001);
+	up(udp(kClient, kResolver, 40001, 53, dns_query(3, "late.example.test")));
+	down(udp(kResolver, kClient, 53, 40001, dns_response(3, "late.example.test", { "203.0.113.5" })));
 	pct = pct_records();
 	ASSERT_EQ(3u, pct.size());
 	EXPECT_EQ(host, pct[0].host);
@@ -240,7 +231,7 @@ TEST_F(DnsHook, UpdateHostRecordsAreNeverDuplicatedAndSurviveSweeps)
 
 TEST_F(DnsHook, CollisionsAndMalformedDatagrams)
 {
-	wp(true);
+	services(true, false);
 	// Two names of one bucket: an answer for the second walks past the first.
 	std::string a = "a0.example.test", b;
 	u32 bucket = dns_hash(a.c_str(), a.size());
@@ -249,8 +240,8 @@ TEST_F(DnsHook, CollisionsAndMalformedDatagrams)
 		if (dns_hash(n.c_str(), n.size()) == bucket)
 			b = n;
 	}
-	out(udp4(kClient, kResolver, 40001, 53, dns_query(1, a)));
-	in(udp4(kResolver, kClient, 53, 40001, dns_response(1, b, { kServer })));
+	up(udp(kClient, kResolver, 40001, 53, dns_query(1, a)));
+	down(udp(kResolver, kClient, 53, 40001, dns_response(1, b, { kServer })));
 	EXPECT_EQ(Lines{ "<7>[dns_hook]: Hash [" + std::to_string(bucket) + "] collision with [" + a +
 			 "] -- [" + b + "]\n" },
 		  kmodel_log());
@@ -264,31 +255,31 @@ TEST_F(DnsHook, CollisionsAndMalformedDatagrams)
 	u.sport = 40001;
 	u.payload = dns_query(2, "long.example.test");
 	u.length_override = 20 + 8 + u.payload.size() + 1; // the whole IP packet and one more
-	EXPECT_EQ(NF_INET_FORWARD, out(sim::ip4_udp(ip, u)).hook);
+	EXPECT_EQ(NF_INET_FORWARD, up(sim::ip4_udp(ip, u)).hook);
 	EXPECT_EQ(1u, dns_records().size());
 	// Only the IP header in the linear area: the UDP length is made linear
 	// counted from the IP header, so the message loses its last 20 bytes.
 	// dig's query still holds its question then (its EDNS record is cut),
 	// a bare query does not.
-	auto q = udp4(kClient, kResolver, 40001, 53, dns_query(3, "bare.example.test"));
-	EXPECT_EQ(NF_INET_FORWARD, router.forward(q, router.br0(), router.wan(), sim::kClientMac, 20).hook);
+	auto q = udp(kClient, kResolver, 40001, 53, dns_query(3, "bare.example.test"));
+	EXPECT_EQ(NF_INET_FORWARD, r.forward(q, r.br0(), r.wan(), sim::kClientMac, 20).hook);
 	EXPECT_EQ(1u, dns_records().size());
-	EXPECT_EQ(NF_INET_FORWARD, router.forward_frame(dns_capture().at(0), router.br0(), router.wan(), 20).hook);
+	EXPECT_EQ(NF_INET_FORWARD, r.forward_frame(dns_capture().at(0), r.br0(), r.wan(), 20).hook);
 	EXPECT_EQ("www.example.test", dns_records().back().name);
 	// IPv6 pulls nothing: a UDP header outside the linear area is not read.
-	auto q6 = udp6("fd00::2", "fd00::1", 40001, 53, dns_query(4, "frag.example.test"));
-	EXPECT_TRUE(router.forward(q6, router.br0(), router.wan(), sim::kClientMac, 44).accepted());
+	auto q6 = udp("fd00::2", "fd00::1", 40001, 53, dns_query(4, "frag.example.test"));
+	EXPECT_TRUE(r.forward(q6, r.br0(), r.wan(), sim::kClientMac, 44).accepted());
 	EXPECT_EQ(2u, dns_records().size());
 
 	kmodel_log_clear();
-	EXPECT_TRUE(out(udp6("ff02::1", "fd00::1", 40001, 53, dns_query(5, "m.example.test"))).accepted());
+	EXPECT_TRUE(up(udp("ff02::1", "fd00::1", 40001, 53, dns_query(5, "m.example.test"))).accepted());
 	EXPECT_EQ("<7>[dns6_hook]: dns6_hook: IPv6 address is not unicast.\n\n", kmodel_log().at(0));
 	EXPECT_EQ(2u, dns_records().size());
 }
 
 TEST_F(DnsHook, PendingFlushWithdrawsTrustInOneFamily)
 {
-	pc(true);
+	services(false, true);
 	feed({ 1, 2 });
 	feed({ 25, 26 });
 	auto *rec = container_of(ssl_table->pool.age_list.next, ssl_tracking, node.age_link);
@@ -298,10 +289,10 @@ TEST_F(DnsHook, PendingFlushWithdrawsTrustInOneFamily)
 	ASSERT_EQ(1, ssl_records()[0].trust);
 	ASSERT_EQ(1, ssl6_records()[0].trust);
 
-	ASSERT_GT(router.write_proc("unblock_proc", "=|flush_ssl"), 0);
+	ASSERT_GT(r.write_proc("unblock_proc", "=|flush_ssl"), 0);
 	kmodel_log_clear();
 	// Any IPv6 packet, DNS or not, reaches dns6_hook first.
-	out(tcp6("fd00:53::2", "fd00:53:1::10", 40000, 443));
+	up(tcp("fd00:53::2", "fd00:53:1::10", 40000, 443));
 	EXPECT_EQ("<7>[dns6_hook]: flush all ssl tracking\n", kmodel_log().at(0));
 	EXPECT_EQ("<7>[ssl6_delete_all]: clear ssl tracking[" +
 			  std::to_string(rec6->server[12] & 127) + "], host=www.example.test\n",
@@ -311,10 +302,10 @@ TEST_F(DnsHook, PendingFlushWithdrawsTrustInOneFamily)
 	EXPECT_EQ(1, ssl_records()[0].trust);
 
 	// With both services off nothing is parsed and the flush waits.
-	pc(false);
-	ASSERT_GT(router.write_proc("unblock_proc", "=|flush_ssl"), 0);
+	services(false, false);
+	ASSERT_GT(r.write_proc("unblock_proc", "=|flush_ssl"), 0);
 	kmodel_log_clear();
-	out(udp4(kClient, kResolver, 40001, 53, dns_query(9, "off.example.test")));
+	up(udp(kClient, kResolver, 40001, 53, dns_query(9, "off.example.test")));
 	EXPECT_EQ(1, get_flush_supending());
 	EXPECT_EQ(2u, dns_records().size());
 	EXPECT_EQ(1, ssl_records()[0].trust);

@@ -1,34 +1,26 @@
 // The non-HTTP flow hooks of WP: what they leave alone, how they pick the
-// server, what they ask the daemon, and the IPv6 port filter.
+// server, what they ask the daemon, and the IPv6 port filter; whole flows
+// after dig's lookups (captured from dnsmasq), held, rated, passed or dropped.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "flow_fixture.h"
-#include "kmodel/host.h"
-#include "linux/netfilter.h"
-#include "linux/slab.h"
-#include "track/pct_table.h"
-#include "track/tcp_table.h"
+#include "tests/hooks/fixture.h"
 
-using namespace flows;
+#include "linux/slab.h"
+
+using namespace hooks_test;
 
 namespace {
 
-class PctHook : public FlowTest {
+class PctHook : public HookTest {
 protected:
 	void SetUp() override
 	{
-		FlowTest::SetUp();
-		wp(true);
+		HookTest::SetUp();
+		services(true, false);
 	}
-	void resolve(const char *name, std::vector<const char *> v4, std::vector<const char *> v6 = {})
-	{
-		out(udp4(kClient, kResolver, 40001, 53, dns_query(1, name)));
-		in(udp4(kResolver, kClient, 53, 40001, dns_response(1, name, v4, v6)));
-	}
-	bool dropped(const sim::Verdict &v) { return v.verdict == NF_DROP && v.hook == NF_INET_FORWARD; }
 };
 
 } // namespace
@@ -36,23 +28,23 @@ protected:
 TEST_F(PctHook, DnsHttpAndTheSecondBridgeAreLeftAlone)
 {
 	// No server resolved at all.
-	EXPECT_TRUE(out(udp4(kClient, kResolver, 40001, 53, Bytes(13))).accepted());
-	EXPECT_TRUE(in(udp4(kResolver, kClient, 53, 40001, Bytes(13))).accepted());
+	EXPECT_TRUE(up(udp(kClient, kResolver, 40001, 53, Bytes(13))).accepted());
+	EXPECT_TRUE(down(udp(kResolver, kClient, 53, 40001, Bytes(13))).accepted());
 	// Twelve bytes are no DNS message: judged by the table.
-	EXPECT_TRUE(dropped(out(udp4(kClient, kResolver, 40001, 53, Bytes(12)))));
-	EXPECT_TRUE(out(tcp4(kClient, kServer, 40000, 80)).accepted());
-	EXPECT_TRUE(in(tcp4(kServer, kClient, 80, 40000)).accepted());
+	EXPECT_TRUE(dropped(up(udp(kClient, kResolver, 40001, 53, Bytes(12)))));
+	EXPECT_TRUE(up(tcp(kClient, kServer, 40000, 80)).accepted());
+	EXPECT_TRUE(down(tcp(kServer, kClient, 80, 40000)).accepted());
 
-	auto tls = tcp4(kClient, kServer, 40000, 443);
-	EXPECT_TRUE(dropped(out(tls)));
-	EXPECT_TRUE(router.forward(tls, router.br1(), router.wan()).accepted());
-	EXPECT_TRUE(router.forward(tls, router.wan(), router.br1()).accepted());
+	auto tls = tcp(kClient, kServer, 40000, 443);
+	EXPECT_TRUE(dropped(up(tls)));
+	EXPECT_TRUE(r.forward(tls, r.br1(), r.wan()).accepted());
+	EXPECT_TRUE(r.forward(tls, r.wan(), r.br1()).accepted());
 	// Three characters decide: "br10" is the second bridge too.
 	const uint8_t m[6] = { 2, 0, 0, 0, 0, 9 };
 	struct net_device *br10 = kmodel_dev_add("br10", m);
-	EXPECT_TRUE(router.forward(tls, br10, router.wan()).accepted());
+	EXPECT_TRUE(r.forward(tls, br10, r.wan()).accepted());
 	// Out by the device it came in on: not filtered.
-	EXPECT_TRUE(router.forward(tls, router.br0(), router.br0()).accepted());
+	EXPECT_TRUE(r.forward(tls, r.br0(), r.br0()).accepted());
 	EXPECT_TRUE(requests().empty());
 	EXPECT_EQ(Lines{}, kmodel_log());
 }
@@ -61,46 +53,43 @@ TEST_F(PctHook, TheServerIsTheDestinationFromBr0AndTheSourceOtherwise)
 {
 	resolve("video.example.test", { kServer });
 	// Inbound to the resolved address from an unknown sender: no record.
-	EXPECT_TRUE(dropped(in(tcp4("203.0.113.9", kServer, 5000, 443))));
+	EXPECT_TRUE(dropped(down(tcp("203.0.113.9", kServer, 5000, 443))));
 	EXPECT_TRUE(requests().empty());
 	// Inbound from the resolved server: its record is rated.
-	EXPECT_TRUE(dropped(in(tcp4(kServer, kClient, 443, 40000))));
-	auto req = requests();
-	ASSERT_EQ(1u, req.size());
-	EXPECT_EQ(sim::hex(expected_request({ 2, 0, {}, addr4(kServer), "", "video.example.test" })),
-		  sim::hex(req[0]));
+	EXPECT_TRUE(dropped(down(tcp(kServer, kClient, 443, 40000))));
+	rated({ 2, 0, {}, addr(kServer), "", "video.example.test" });
 	EXPECT_EQ(3, pct_records()[0].state);
 }
 
 TEST_F(PctHook, RecordStatesDecideAndAFailedRequestAccepts)
 {
 	resolve("game.example.test", { kServer });
-	auto pkt = tcp4(kClient, kServer, 40000, 5222);
+	auto pkt = tcp(kClient, kServer, 40000, 5222);
 	// No memory for the request: this packet passes, the record stays new.
 	kmodel_fail_alloc_flags(GFP_ATOMIC);
-	EXPECT_TRUE(out(pkt).accepted());
+	EXPECT_TRUE(up(pkt).accepted());
 	kmodel_fail_alloc_flags(0);
 	EXPECT_EQ(0, pct_records()[0].state);
 	EXPECT_TRUE(requests().empty());
 
-	EXPECT_TRUE(dropped(out(pkt)));
+	EXPECT_TRUE(dropped(up(pkt)));
 	EXPECT_EQ(1u, requests().size());
-	EXPECT_TRUE(dropped(out(pkt))); // waiting: no second request
+	EXPECT_TRUE(dropped(up(pkt))); // waiting: no second request
 	EXPECT_TRUE(requests().empty());
 
 	// Each packet refreshes the record: it outlives its first time-out.
-	router.advance(400000);
-	out(pkt);
-	router.advance(400000);
-	out(pkt);
+	r.advance(400000);
+	up(pkt);
+	r.advance(400000);
+	up(pkt);
 	ASSERT_EQ(1u, pct_records().size());
 
 	pct_update_state(pct_find(sim::ip4(kServer)), STATE_PASS);
-	EXPECT_TRUE(out(pkt).accepted());
-	EXPECT_TRUE(in(tcp4(kServer, kClient, 5222, 40000)).accepted());
+	EXPECT_TRUE(up(pkt).accepted());
+	EXPECT_TRUE(down(tcp(kServer, kClient, 5222, 40000)).accepted());
 	// Any other state is a block: the record goes with the next packet.
 	pct_update_state(pct_find(sim::ip4(kServer)), 5);
-	EXPECT_TRUE(dropped(out(pkt)));
+	EXPECT_TRUE(dropped(up(pkt)));
 	EXPECT_TRUE(pct_records().empty());
 	EXPECT_TRUE(requests().empty());
 }
@@ -111,15 +100,15 @@ TEST_F(PctHook, Ipv6IsAPortFilter)
 	resolve("v6.example.test", {}, { "2001:db8::443" });
 	ASSERT_EQ(1u, pct6_records().size());
 	const char *c = "2001:db8:1::10", *s = "2001:db8::443";
-	EXPECT_TRUE(dropped(out(tcp6(c, s, 40000, 443))));
-	EXPECT_TRUE(out(tcp6(c, s, 40000, 80)).accepted());
-	EXPECT_TRUE(in(tcp6(s, c, 80, 40000)).accepted());
+	EXPECT_TRUE(dropped(up(tcp(c, s, 40000, 443))));
+	EXPECT_TRUE(up(tcp(c, s, 40000, 80)).accepted());
+	EXPECT_TRUE(down(tcp(s, c, 80, 40000)).accepted());
 	// DNS needs no payload over IPv6.
-	EXPECT_TRUE(out(udp6(c, s, 40000, 53, {})).accepted());
-	EXPECT_TRUE(dropped(out(udp6(c, s, 40000, 123, Bytes(48)))));
-	Bytes icmp = udp6(c, s, 128, 0, Bytes(8));
+	EXPECT_TRUE(up(udp(c, s, 40000, 53, {})).accepted());
+	EXPECT_TRUE(dropped(up(udp(c, s, 40000, 123, Bytes(48)))));
+	Bytes icmp = udp(c, s, 128, 0, Bytes(8));
 	icmp[6] = 58; // ICMPv6
-	EXPECT_TRUE(dropped(out(icmp)));
+	EXPECT_TRUE(dropped(up(icmp)));
 
 	// HTTP behind a hop-by-hop header is still HTTP.
 	sim::Ip6 ip;
@@ -128,18 +117,56 @@ TEST_F(PctHook, Ipv6IsAPortFilter)
 	ip.ext.push_back({ 0, Bytes(6) });
 	sim::Tcp t;
 	t.sport = 40000;
-	EXPECT_TRUE(out(sim::ip6_tcp(ip, t)).accepted());
+	EXPECT_TRUE(up(sim::ip6_tcp(ip, t)).accepted());
 	// A chain that ends before its first header cannot be walked: accepted.
 	Bytes broken = sim::ip6_tcp(ip, t);
 	broken.resize(40);
 	broken[4] = 0;
 	broken[5] = 0;
-	EXPECT_TRUE(out(broken).accepted());
+	EXPECT_TRUE(up(broken).accepted());
 	// A TCP header cut short: dropped.
-	Bytes cut = tcp6(c, s, 40000, 80);
+	Bytes cut = tcp(c, s, 40000, 80);
 	cut.resize(40 + 10);
 	cut[4] = 0;
 	cut[5] = 10;
-	EXPECT_TRUE(dropped(out(cut)));
+	EXPECT_TRUE(dropped(up(cut)));
 	EXPECT_TRUE(requests().empty());
+}
+
+TEST_F(PctHook, CapturedLookupsHoldRateThenPassOrBlock)
+{
+	feed({ 1, 2 }); // www.example.test A 10.53.1.10
+	auto syn = tcp("10.53.0.2", "10.53.1.10", 41000, 443, sim::SYN);
+	EXPECT_TRUE(dropped(up(syn)));
+	auto req = rated({ 2, 0, {}, addr("10.53.1.10"), "", "www.example.test" });
+	EXPECT_TRUE(dropped(up(syn))); // the retransmission waits
+	EXPECT_TRUE(requests().empty());
+
+	kmodel_log_clear();
+	reply(req, PASS);
+	EXPECT_EQ(Lines{ "<7>[receive_from_user]: [WP]non-HTTP: host=www.example.test --> PASS\n" }, kmodel_log());
+	EXPECT_TRUE(up(syn).accepted());
+	EXPECT_TRUE(down(tcp("10.53.1.10", "10.53.0.2", 443, 41000, sim::SYN | sim::ACK)).accepted());
+	EXPECT_EQ(4, pct_records()[0].state);
+
+	// multi.example.test: three addresses, each rated on its own.
+	feed({ 11, 12 });
+	auto quic = udp("10.53.0.2", "10.53.1.21", 41001, 443, Bytes(1200, 0xc3));
+	EXPECT_TRUE(dropped(up(quic)));
+	req = rated({ 2, 0, {}, addr("10.53.1.21"), "", "multi.example.test" });
+	kmodel_log_clear();
+	reply(req, BLOCK);
+	EXPECT_EQ(Lines{ "<7>[receive_from_user]: [WP]non-HTTP: host=multi.example.test --> BLOCK\n" },
+		  kmodel_log());
+	size_t before = pct_records().size();
+	EXPECT_TRUE(dropped(up(quic))); // forgets the server
+	EXPECT_EQ(before - 1, pct_records().size());
+	EXPECT_TRUE(dropped(up(quic))); // now unknown
+	EXPECT_TRUE(requests().empty());
+	// A server nobody resolved is unreachable; the other multi addresses
+	// are still waiting for their first packet.
+	EXPECT_TRUE(dropped(up(tcp("10.53.0.2", "10.53.9.9", 41002, 22))));
+	EXPECT_TRUE(requests().empty());
+	EXPECT_TRUE(dropped(up(tcp("10.53.0.2", "10.53.1.22", 41003, 22))));
+	EXPECT_EQ(1u, requests().size());
 }

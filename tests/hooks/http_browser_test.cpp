@@ -9,48 +9,32 @@
 #include <set>
 #include <string>
 
-#include "tests/hooks/http_fixture.h"
+#include "tests/hooks/fixture.h"
 
-#include "sim/pcap.h"
 #include "support/tshark.h"
 
-using namespace http_test;
+using namespace hooks_test;
 
-namespace {
+static const std::string kBrowserPcap = std::string(DNSHOOK_SOURCE_DIR) + "/tests/data/browser/browser.pcap";
 
-const std::string kBrowserPcap = std::string(DNSHOOK_SOURCE_DIR) + "/tests/data/browser/browser.pcap";
-
-// The IP packets of an Ethernet pcap file.
-std::vector<Bytes> read_pcap(const std::string &path)
-{
-	std::vector<Bytes> frames, out;
-	sim::PcapLink link;
-	if (!sim::pcap_read(path, &frames, &link) || link != sim::PCAP_ETHERNET)
-		return out;
-	for (const Bytes &frame : frames)
-		if (frame.size() > 14)
-			out.emplace_back(frame.begin() + 14, frame.end());
-	return out;
-}
-
-uint16_t port_at(const Bytes &ip, size_t off) { return ip[off] << 8 | ip[off + 1]; }
-
-} // namespace
-
-TEST_F(HttpScenario, BrowserCaptureIsRatedOnceAndJudgedByTheBlockList)
+TEST_F(HookTest, BrowserCaptureIsRatedOnceAndJudgedByTheBlockList)
 {
 	const std::set<std::string> blocked = { "games.blocked.test" };
-	auto packets = read_pcap(kBrowserPcap);
-	ASSERT_GT(packets.size(), 50u);
+	std::vector<Bytes> frames;
+	sim::PcapLink link;
+	ASSERT_TRUE(sim::pcap_read(kBrowserPcap, &frames, &link));
+	ASSERT_EQ(sim::PCAP_ETHERNET, link);
+	ASSERT_GT(frames.size(), 50u);
 	services(true, false);
 	r.route("10.61.1.0/24", r.br0(), KMODEL_OUT_HH, &sim::kClientMac);
 	r.route("10.61.2.0/24", r.wan(), KMODEL_OUT_HH, &sim::kGatewayMac);
 
 	std::map<uint16_t, std::string> rated; // client port -> host
 	size_t redirects = 0, replays = 0, syns = 0;
-	for (const Bytes &ip : packets) {
+	for (const Bytes &frame : frames) {
+		Bytes ip(frame.begin() + 14, frame.end());
 		size_t th = (ip[0] & 0xf) * 4;
-		bool from_client = port_at(ip, th + 2) == 80;
+		bool from_client = (ip[th + 2] << 8 | ip[th + 3]) == 80;
 		if (from_client && (ip[th + 13] & 0x12) == 0x02)
 			syns++;
 		r.clear_sent();
@@ -58,12 +42,12 @@ TEST_F(HttpScenario, BrowserCaptureIsRatedOnceAndJudgedByTheBlockList)
 			up(ip);
 		else
 			down(ip);
-		for (const rating_request &q : daemon.requests()) {
+		for (const rating_request &q : requests()) {
 			uint16_t cport = ntohs(q.src_port);
 			EXPECT_EQ(0u, rated.count(cport)) << "rated twice: port " << cport;
 			rated[cport] = q.info.host;
 			bool block = blocked.count(q.info.host) > 0;
-			daemon.reply(q, block ? BLOCK : PASS, "http://deny.test/");
+			reply(q, block ? BLOCK : PASS, "http://deny.test/");
 			std::vector<Bytes> to_srv, to_cli; // the capture's client is 10.61.1.10
 			for (const kmodel_tx &tx : r.sent()) {
 				Bytes out(tx.frame.begin() + 14, tx.frame.end());

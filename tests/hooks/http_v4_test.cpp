@@ -4,32 +4,27 @@
 
 #include <string>
 
-#include "tests/hooks/http_fixture.h"
+#include "tests/hooks/fixture.h"
 
 #include "lists/unblock.h"
 #include "net/netfilter/nf_conntrack.h"
-#include "sim/pcap.h"
 #include "support/tshark.h"
 
-using namespace http_test;
+using namespace hooks_test;
 
 namespace {
 
-const char kPassLine[] = "<7>[receive_from_user]: [%s]HTTP: connection=[%s - 93.184.216.34] --> %s\n";
-
-std::string line(const char *fmt, const char *svc, const char *verdict,
-		 const char *client = "192.168.1.10")
+std::string pass_line(const char *svc, const char *verdict, const char *client = kClient)
 {
-	char buf[256];
-	snprintf(buf, sizeof(buf), fmt, svc, client, verdict);
-	return buf;
+	return std::string("<7>[receive_from_user]: [") + svc + "]HTTP: connection=[" + client +
+	       " - 93.184.216.34] --> " + verdict + "\n";
 }
 
 } // namespace
 
 // For each service mode: the request goes out whole, a PASS replays the
 // held copy to the server, and the record is forgotten at the next packet.
-TEST_F(HttpScenario, PassReplaysTheHeldRequestInEveryMode)
+TEST_F(HookTest, HttpPassReplaysTheHeldRequestInEveryMode)
 {
 	struct Case {
 		bool wp, pc, br1;
@@ -46,37 +41,29 @@ TEST_F(HttpScenario, PassReplaysTheHeldRequestInEveryMode)
 		SCOPED_TRACE(std::string(k.tag) + (k.br1 ? " on br1" : ""));
 		services(k.wp, k.pc);
 		lan = k.br1 ? r.br1() : r.br0();
-		Conn c;
-		c.cport = port++;
+		Conn c = conn(port++);
 		if (k.br1)
-			c.client = kClientBr1;
+			c.client = sim::ip4("192.168.2.10");
 		handshake(c);
 		ASSERT_NE(nullptr, record(c));
 		EXPECT_EQ(STATE_ESTAB, record(c)->state);
 
-		std::string req = get_request("www.example.com", "/index.html?q=1");
-		Bytes request = c.up(sim::ACK | sim::PSH, req);
+		Bytes request = c.up(sim::ACK | sim::PSH, get_request("www.example.com", "/index.html?q=1"));
 		sim::Verdict v = up(request);
 		EXPECT_TRUE(v.accepted()) << "the request itself goes on to the server";
 		EXPECT_EQ(request, v.packet);
 		EXPECT_EQ(STATE_RATING, record(c)->state);
-
-		auto reqs = daemon.requests();
-		ASSERT_EQ(1u, reqs.size());
 		bool pc = k.service == RATING_PC_REQUEST;
-		EXPECT_EQ(expected_request(c, k.service, "/index.html?q=1", "www.example.com",
-					   pc ? &sim::kClientMac : nullptr),
-			  bytes_of(reqs[0]));
+		auto q = rated(http_request(c, k.service, "/index.html?q=1", "www.example.com",
+					    pc ? &sim::kClientMac : nullptr));
 
 		// Held back while rated, both ways.
 		EXPECT_FALSE(down(c.down(sim::ACK)).accepted());
 		EXPECT_FALSE(up(c.up(sim::ACK)).accepted());
 
-		daemon.reply(reqs[0], PASS);
-		EXPECT_EQ(Lines{ line(kPassLine, k.tag, "PASS", k.br1 ? "192.168.2.10" : "192.168.1.10") }, kmodel_log());
-		auto replay = to_server();
-		ASSERT_EQ(1u, replay.size());
-		EXPECT_EQ(request, replay[0]) << "the held copy is the request, byte for byte";
+		reply(q, PASS);
+		EXPECT_EQ(Lines{ pass_line(k.tag, "PASS", k.br1 ? "192.168.2.10" : kClient) }, kmodel_log());
+		EXPECT_EQ(std::vector<Bytes>{ request }, to_server()) << "the held copy is the request, byte for byte";
 		EXPECT_EQ(STATE_PASS, record(c)->state);
 		EXPECT_EQ(nullptr, record(c)->held_skb);
 
@@ -92,7 +79,7 @@ TEST_F(HttpScenario, PassReplaysTheHeldRequestInEveryMode)
 // BLOCK: the client gets an ACK and the byte-exact redirect (tshark checks
 // the checksums), the server is reset, and the filter closes the
 // connection with the client itself.
-TEST_F(HttpScenario, BlockAnswersTheClientAndClosesTheConnection)
+TEST_F(HookTest, HttpBlockAnswersTheClientAndClosesTheConnection)
 {
 	services(true, false);
 	Conn c;
@@ -100,12 +87,12 @@ TEST_F(HttpScenario, BlockAnswersTheClientAndClosesTheConnection)
 	std::string req = get_request("games.example.net");
 	Conn before = c;
 	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, req)).accepted());
-	auto reqs = daemon.requests();
+	auto reqs = requests();
 	ASSERT_EQ(1u, reqs.size());
 	kmodel_log_clear();
 
-	daemon.reply(reqs[0], BLOCK, kBlockUrl);
-	EXPECT_EQ(Lines{ line(kPassLine, "WP", "BLOCK") }, kmodel_log());
+	reply(reqs[0], BLOCK, kBlockUrl);
+	EXPECT_EQ(Lines{ pass_line("WP", "BLOCK") }, kmodel_log());
 	auto client_got = to_client();
 	ASSERT_EQ(2u, client_got.size());
 	EXPECT_EQ(expected_bare(before, true, sim::ACK, before.sseq, before.cseq + req.size()), client_got[0]);
@@ -137,9 +124,8 @@ TEST_F(HttpScenario, BlockAnswersTheClientAndClosesTheConnection)
 	// The client acknowledges the redirect: FIN+ACK to it.
 	Conn at_ack = c;
 	EXPECT_FALSE(up(c.up(sim::ACK)).accepted());
-	auto fin = to_client();
-	ASSERT_EQ(1u, fin.size());
-	EXPECT_EQ(expected_bare(at_ack, true, sim::FIN | sim::ACK, at_ack.sseq, at_ack.cseq), fin[0]);
+	EXPECT_EQ(std::vector<Bytes>{ expected_bare(at_ack, true, sim::FIN | sim::ACK, at_ack.sseq, at_ack.cseq) },
+		  to_client());
 	EXPECT_EQ(STATE_FIN_WAIT1, record(c)->state);
 	c.sseq++; // the filter's FIN
 
@@ -152,9 +138,8 @@ TEST_F(HttpScenario, BlockAnswersTheClientAndClosesTheConnection)
 	r.clear_sent();
 	Conn at_fin = c;
 	EXPECT_FALSE(up(c.up(sim::FIN | sim::ACK)).accepted());
-	auto last = to_client();
-	ASSERT_EQ(1u, last.size());
-	EXPECT_EQ(expected_bare(at_fin, true, sim::ACK, at_fin.sseq, at_fin.cseq + 1), last[0]);
+	EXPECT_EQ(std::vector<Bytes>{ expected_bare(at_fin, true, sim::ACK, at_fin.sseq, at_fin.cseq + 1) },
+		  to_client());
 	EXPECT_EQ(nullptr, record(c));
 	EXPECT_TRUE(kmodel_log().empty());
 	EXPECT_EQ(0, kmodel_skb_stats_get().live);
@@ -162,7 +147,7 @@ TEST_F(HttpScenario, BlockAnswersTheClientAndClosesTheConnection)
 
 // A block decided by the hook (state 6 when the server talks first): the
 // server gets an RST, and the client's next segment the block page.
-TEST_F(HttpScenario, BlockStateResetsTheServerAndAnswersTheNextClientSegment)
+TEST_F(HookTest, HttpBlockStateResetsTheServerAndAnswersTheNextClientSegment)
 {
 	services(true, false);
 	Conn c;
@@ -173,9 +158,7 @@ TEST_F(HttpScenario, BlockStateResetsTheServerAndAnswersTheNextClientSegment)
 	Conn before = c;
 	EXPECT_FALSE(down(c.down(sim::ACK | sim::PSH, "data")).accepted());
 	EXPECT_EQ(Lines{ "<7>[forward_hook]: packet FROM server, reset it\n" }, kmodel_log());
-	auto rst = to_server();
-	ASSERT_EQ(1u, rst.size());
-	EXPECT_EQ(expected_bare(before, false, sim::RST, before.cseq, 0), rst[0]);
+	EXPECT_EQ(std::vector<Bytes>{ expected_bare(before, false, sim::RST, before.cseq, 0) }, to_server());
 
 	r.clear_sent();
 	std::string req = get_request("x.example");
@@ -189,7 +172,7 @@ TEST_F(HttpScenario, BlockStateResetsTheServerAndAnswersTheNextClientSegment)
 
 // WHITE_PASS marks the connection white: with PC only, a time-blocked
 // device keeps that connection, and loses every other one.
-TEST_F(HttpScenario, WhitePassLetsATimeBlockedDeviceKeepItsConnection)
+TEST_F(HookTest, HttpWhitePassLetsATimeBlockedDeviceKeepItsConnection)
 {
 	services(false, true);
 	ASSERT_EQ(22, r.write_proc("tblock_proc", "add 00:11:22:33:44:55\n"));
@@ -200,10 +183,10 @@ TEST_F(HttpScenario, WhitePassLetsATimeBlockedDeviceKeepItsConnection)
 	EXPECT_EQ((struct nf_conntrack *)ct, record(c)->nfconn) << "recorded in SYN_RCVD";
 
 	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, get_request("kids.example"))).accepted());
-	auto reqs = daemon.requests();
+	auto reqs = requests();
 	ASSERT_EQ(1u, reqs.size());
-	daemon.reply(reqs[0], WHITE_PASS);
-	EXPECT_EQ(Lines{ line(kPassLine, "PC", "WHITE_PASS") }, kmodel_log());
+	reply(reqs[0], WHITE_PASS);
+	EXPECT_EQ(Lines{ pass_line("PC", "WHITE_PASS") }, kmodel_log());
 	EXPECT_EQ(1, ct->white_mark);
 	EXPECT_EQ(1u, to_server().size());
 	EXPECT_EQ(STATE_WHITE_PASS, record(c)->state);
@@ -214,8 +197,7 @@ TEST_F(HttpScenario, WhitePassLetsATimeBlockedDeviceKeepItsConnection)
 	EXPECT_TRUE(up(c.up(sim::ACK | sim::PSH, get_request("kids.example", "/2"))).accepted());
 
 	// Another connection of the same device is not white.
-	Conn other;
-	other.cport = 40001;
+	Conn other = conn(40001);
 	EXPECT_FALSE(up(other.up(sim::ACK | sim::PSH, "GET / HTTP/1.1\r\n\r\n")).accepted());
 	// Without a conntrack entry there is nothing to tell: dropped, logged.
 	r.set_tracking(false);
@@ -232,7 +214,7 @@ TEST_F(HttpScenario, WhitePassLetsATimeBlockedDeviceKeepItsConnection)
 // The device lists on the rating path: an exempted device passes without
 // rating, an expired exemption is deleted and the request rated; an
 // undecodable request from a time-blocked device is dropped (state kept).
-TEST_F(HttpScenario, ExemptedAndTimeBlockedDevicesWithParentalControl)
+TEST_F(HookTest, HttpExemptedAndTimeBlockedDevicesWithParentalControl)
 {
 	services(false, true);
 	// The add reports -EFAULT when it succeeds.
@@ -240,71 +222,62 @@ TEST_F(HttpScenario, ExemptedAndTimeBlockedDevicesWithParentalControl)
 	Conn c;
 	handshake(c);
 	EXPECT_TRUE(up(c.up(sim::ACK | sim::PSH, get_request("a.example"))).accepted());
-	EXPECT_TRUE(daemon.requests().empty()) << "an exempted device is not rated";
+	EXPECT_TRUE(requests().empty()) << "an exempted device is not rated";
 	EXPECT_EQ(STATE_PASS, record(c)->state);
 
 	r.advance(UBLK_EXPIRE_TICKS);
-	Conn d;
-	d.cport = 40002;
+	Conn d = conn(40002);
 	handshake(d);
 	EXPECT_TRUE(up(d.up(sim::ACK | sim::PSH, get_request("a.example"))).accepted());
-	EXPECT_EQ(1u, daemon.requests().size()) << "expired: deleted, then rated";
+	EXPECT_EQ(1u, requests().size()) << "expired: deleted, then rated";
 
 	ASSERT_EQ(22, r.write_proc("tblock_proc", "add 00:11:22:33:44:55\n"));
-	Conn e;
-	e.cport = 40003;
+	Conn e = conn(40003);
 	handshake(e);
 	EXPECT_FALSE(up(e.up(sim::ACK | sim::PSH, "not a request at all\r\n\r\n")).accepted());
 	EXPECT_EQ(STATE_ESTAB, record(e)->state);
 	// An unlisted device's undecodable request goes on, unrated.
-	Conn f;
-	f.cport = 40004;
-	const sim::Mac other = sim::mac("00:11:22:33:44:66");
-	ASSERT_TRUE(up(f.up(sim::SYN), other).accepted());
-	ASSERT_TRUE(down(f.down(sim::SYN | sim::ACK)).accepted());
-	ASSERT_TRUE(up(f.up(sim::ACK), other).accepted());
-	EXPECT_TRUE(up(f.up(sim::ACK | sim::PSH, "garbage"), other).accepted());
+	Conn f = conn(40004);
+	handshake(f, kClient2Mac);
+	EXPECT_TRUE(up(f.up(sim::ACK | sim::PSH, "garbage"), kClient2Mac).accepted());
 	EXPECT_EQ(STATE_ESTAB, record(f)->state);
 	// With WP on, an undecodable request is dropped whoever sends it.
 	services(true, true);
-	EXPECT_FALSE(up(f.up(sim::ACK | sim::PSH, "garbage"), other).accepted());
+	EXPECT_FALSE(up(f.up(sim::ACK | sim::PSH, "garbage"), kClient2Mac).accepted());
 	EXPECT_EQ(STATE_ESTAB, record(f)->state);
-	EXPECT_TRUE(daemon.requests().empty());
+	EXPECT_TRUE(requests().empty());
 }
 
 // Replies that find nothing, come late or come twice: nothing is sent or
 // freed twice.
-TEST_F(HttpScenario, LateDuplicateAndUnknownReplies)
+TEST_F(HookTest, HttpLateDuplicateAndUnknownReplies)
 {
 	services(true, false);
 	Conn c;
 	handshake(c);
 	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, get_request("a.example"))).accepted());
-	auto reqs = daemon.requests();
+	auto reqs = requests();
 	ASSERT_EQ(1u, reqs.size());
 
 	rating_request stranger = reqs[0];
 	stranger.src_port = htons(1);
-	daemon.reply(stranger, PASS);
+	reply(stranger, PASS);
 	EXPECT_EQ(Lines{ "<7>[receive_from_user]: no tcp tracking found\n" }, kmodel_log());
 
-	daemon.reply(reqs[0], PASS);
-	daemon.reply(reqs[0], PASS);
-	daemon.reply(reqs[0], BLOCK);
+	for (uint32_t v : { PASS, PASS, BLOCK })
+		reply(reqs[0], v);
 	EXPECT_EQ(1u, to_server().size()) << "the held copy is replayed once";
 	EXPECT_TRUE(to_client().empty()) << "a late BLOCK has no copy to answer with";
 	EXPECT_EQ(STATE_REDIRECT, record(c)->state) << "the late reply still acts on the state";
 	EXPECT_EQ(0, kmodel_skb_stats_get().live);
 
 	kmodel_log_clear();
-	rating_reply bad;
-	memset(&bad, 0, sizeof(bad));
-	bad.kind = 0;
+	rating_reply bad = {};
 	bad.service = 3;
-	daemon.send(bad);
+	send(bad);
 	bad.kind = 1;
 	bad.service = 4;
-	daemon.send(bad);
+	send(bad);
 	EXPECT_EQ((Lines{ "<3>[receive_from_user]: unexpected packet type incoming to hook, 0, 3\n",
 			  "<3>[receive_from_user]: unexpected packet type incoming to hook, 1, 4\n" }),
 		  kmodel_log());
@@ -312,7 +285,7 @@ TEST_F(HttpScenario, LateDuplicateAndUnknownReplies)
 
 // A table full of connections waiting for verdicts: the 101st takes over
 // the oldest, whose held copy goes with it; the others are still served.
-TEST_F(HttpScenario, FullTableOfConnectionsWaitingForVerdicts)
+TEST_F(HookTest, HttpFullTableOfConnectionsWaitingForVerdicts)
 {
 	services(true, false);
 	std::vector<Conn> conns(101);
@@ -321,7 +294,7 @@ TEST_F(HttpScenario, FullTableOfConnectionsWaitingForVerdicts)
 		conns[i].cport = 20000 + i;
 		handshake(conns[i]);
 		ASSERT_TRUE(up(conns[i].up(sim::ACK | sim::PSH, get_request("h" + std::to_string(i)))).accepted());
-		auto got = daemon.requests();
+		auto got = requests();
 		ASSERT_EQ(1u, got.size());
 		reqs.push_back(got[0]);
 	}
@@ -330,17 +303,17 @@ TEST_F(HttpScenario, FullTableOfConnectionsWaitingForVerdicts)
 	EXPECT_EQ(100, kmodel_skb_stats_get().live) << "its held copy was freed with it";
 
 	kmodel_log_clear();
-	daemon.reply(reqs[0], PASS);
+	reply(reqs[0], PASS);
 	EXPECT_EQ(Lines{ "<7>[receive_from_user]: no tcp tracking found\n" }, kmodel_log());
 	for (size_t i = 1; i < reqs.size(); i++)
-		daemon.reply(reqs[i], i % 2 ? PASS : BLOCK);
+		reply(reqs[i], i % 2 ? PASS : BLOCK);
 	EXPECT_EQ(50u, to_server().size());
 	EXPECT_EQ(100u, to_client().size()); // ACK and redirect for each block
 	EXPECT_EQ(0, kmodel_skb_stats_get().live);
 }
 
 // What the hook leaves alone, and how it reads a request.
-TEST_F(HttpScenario, PacketsTheHookLeavesAloneAndRequestText)
+TEST_F(HookTest, HttpPacketsTheHookLeavesAloneAndRequestText)
 {
 	// Both switches off: nothing is tracked.
 	services(false, false);
@@ -352,14 +325,13 @@ TEST_F(HttpScenario, PacketsTheHookLeavesAloneAndRequestText)
 	services(true, false);
 	lan = r.br1();
 	Conn b;
-	b.client = kClientBr1;
+	b.client = sim::ip4("192.168.2.10");
 	handshake(b);
 	EXPECT_EQ(nullptr, record(b));
 	lan = r.br0();
 
 	// A SYN with payload is not tracked; other ports are not looked at.
-	Conn s;
-	s.cport = 40010;
+	Conn s = conn(40010);
 	EXPECT_TRUE(up(s.up(sim::SYN, "x")).accepted());
 	EXPECT_EQ(nullptr, record(s));
 	Conn o;
@@ -368,20 +340,18 @@ TEST_F(HttpScenario, PacketsTheHookLeavesAloneAndRequestText)
 	EXPECT_EQ(nullptr, record(o));
 
 	// A NUL ends the request text; the rest of the payload is not read.
-	Conn n;
-	n.cport = 40011;
+	Conn n = conn(40011);
 	handshake(n);
 	std::string req = get_request("nul.example");
 	EXPECT_TRUE(up(n.up(sim::ACK | sim::PSH, req + std::string(1, '\0') + "Host: other\r\n\r\n")).accepted());
-	auto reqs = daemon.requests();
+	auto reqs = requests();
 	ASSERT_EQ(1u, reqs.size());
 	EXPECT_STREQ("nul.example", reqs[0].info.host);
 	EXPECT_EQ(req + "\r\n\r\n", std::string(record(n)->req_buf));
 	EXPECT_EQ(req.size() + 4, record(n)->req_len);
 
 	// A long request is cut at 2046 characters; req_len keeps the length.
-	Conn l;
-	l.cport = 40012;
+	Conn l = conn(40012);
 	handshake(l);
 	std::string big = "GET /" + std::string(2100, 'a') + " HTTP/1.1\r\nHost: long.example\r\n\r\n";
 	up(l.up(sim::ACK | sim::PSH, big));

@@ -3,33 +3,21 @@
 
 #include <string>
 
-#include "tests/hooks/http_fixture.h"
+#include "tests/hooks/fixture.h"
 
 #include "net/netfilter/nf_conntrack.h"
 
-using namespace http_test;
+using namespace hooks_test;
 
-namespace {
-
-Conn conn6(uint16_t cport = 40000)
-{
-	Conn c;
-	c.v6 = true;
-	c.cport = cport;
-	return c;
-}
-
-const std::string kFn = "<7>[forward_hook6]: ";
-
-} // namespace
+static const std::string kFn = "<7>[forward_hook6]: ";
 
 // A request split over three segments: the first two go on and are
 // collected, the third completes it and is rated; the held copy is the
 // third segment. PASS: the slot moves to the IPv4 table.
-TEST_F(HttpScenario, Ipv6RequestCollectedAcrossSegmentsAndPassed)
+TEST_F(HookTest, HttpIpv6RequestCollectedAcrossSegmentsAndPassed)
 {
 	services(false, true);
-	Conn c = conn6();
+	Conn c = conn(40000, true);
 	handshake(c);
 	EXPECT_EQ((Lines{ kFn + "tcphoff = 40 \n", kFn + "forward_hook6: add tcp SYN\n\n",
 			  kFn + "tcphoff = 40 \n", kFn + "STATE_SYN_RCVD:\n", kFn + "tcphoff = 40 \n",
@@ -42,30 +30,26 @@ TEST_F(HttpScenario, Ipv6RequestCollectedAcrossSegmentsAndPassed)
 	EXPECT_TRUE(up(c.up(sim::ACK, req.substr(0, 10))).accepted());
 	EXPECT_FALSE(down(c.down(sim::ACK)).accepted()) << "server segments dropped in ESTAB";
 	EXPECT_TRUE(up(c.up(sim::ACK, req.substr(10, 20))).accepted());
-	EXPECT_TRUE(daemon.requests().empty());
+	EXPECT_TRUE(requests().empty());
 	Bytes third = c.up(sim::ACK | sim::PSH, req.substr(30));
 	EXPECT_TRUE(up(third).accepted());
 	EXPECT_EQ(req, std::string(record(c)->req_buf));
 	EXPECT_EQ(req.size(), record(c)->req_len);
 
-	auto reqs = daemon.requests();
+	auto reqs = requests();
 	ASSERT_EQ(1u, reqs.size());
-	Bytes want = expected_request(c, RATING_PC_REQUEST, "/v6", "six.example", &sim::kClientMac);
-	Bytes got = bytes_of(reqs[0]);
+	Bytes want = expected_request(http_request(c, RATING_PC_REQUEST, "/v6", "six.example", &sim::kClientMac));
+	Bytes got = bytes(reqs[0]);
 	// The decoded fields come from an uncleared stack record: compare the
 	// header, the two texts with their terminators, and the MAC.
-	EXPECT_EQ(Bytes(want.begin(), want.begin() + 48), Bytes(got.begin(), got.begin() + 48));
-	EXPECT_EQ(Bytes(want.begin() + 48, want.begin() + 52), Bytes(got.begin() + 48, got.begin() + 52));
-	EXPECT_EQ(Bytes(want.begin() + 308, want.begin() + 320), Bytes(got.begin() + 308, got.begin() + 320));
-	EXPECT_EQ(Bytes(want.begin() + 568, want.end()), Bytes(got.begin() + 568, got.end()));
+	for (auto [from, to] : { std::pair{ 0, 52 }, { 308, 320 }, { 568, 576 } })
+		EXPECT_EQ(Bytes(want.begin() + from, want.begin() + to), Bytes(got.begin() + from, got.begin() + to));
 
 	size_t free4 = free_slots(tcp_table), free6 = free_slots(tcp_table6);
 	kmodel_log_clear();
-	daemon.reply(reqs[0], PASS);
+	reply(reqs[0], PASS);
 	EXPECT_TRUE(kmodel_log().empty()) << "the IPv6 verdicts log nothing";
-	auto replay = to_server();
-	ASSERT_EQ(1u, replay.size());
-	EXPECT_EQ(third, replay[0]) << "only the third segment is held";
+	EXPECT_EQ(std::vector<Bytes>{ third }, to_server()) << "only the third segment is held";
 	EXPECT_TRUE(down(c.down(sim::ACK)).accepted());
 	EXPECT_EQ((Lines{ kFn + "tcphoff = 40 \n", kFn + "STATE_PASS:\n" }), kmodel_log());
 	EXPECT_EQ(nullptr, record(c));
@@ -77,24 +61,23 @@ TEST_F(HttpScenario, Ipv6RequestCollectedAcrossSegmentsAndPassed)
 // BLOCK over IPv6: the dispatcher's client ACK is the IPv4 one and fails;
 // the redirect goes out. The hook then closes the connection, and its last
 // ACK does not count the FIN.
-TEST_F(HttpScenario, Ipv6BlockAndClosingHandshake)
+TEST_F(HookTest, HttpIpv6BlockAndClosingHandshake)
 {
 	services(true, false);
-	Conn c = conn6();
+	Conn c = conn(40000, true);
 	handshake(c);
 	std::string req = get_request("six.example");
 	Conn before = c;
 	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, req)).accepted());
-	auto reqs = daemon.requests();
+	auto reqs = requests();
 	ASSERT_EQ(1u, reqs.size());
 	EXPECT_EQ(uint32_t(RATING_WP_REQUEST), reqs[0].service);
 	kmodel_log_clear();
 	r.clear_sent();
 
-	daemon.reply(reqs[0], BLOCK, kBlockUrl);
-	auto got = to_client();
-	ASSERT_EQ(1u, got.size()) << "no ACK: ack_client refuses the IPv6 packet";
-	EXPECT_EQ(expected_redirect(before, req, kBlockUrl), got[0]);
+	reply(reqs[0], BLOCK, kBlockUrl);
+	EXPECT_EQ(std::vector<Bytes>{ expected_redirect(before, req, kBlockUrl) }, to_client())
+		<< "no ACK: ack_client refuses the IPv6 packet";
 	ASSERT_GE(kmodel_log().size(), 1u);
 	EXPECT_EQ("<7>[rebuild_packet]: Invalid IP header\n", kmodel_log()[0]);
 	EXPECT_EQ(STATE_REDIRECT, record(c)->state);
@@ -103,9 +86,8 @@ TEST_F(HttpScenario, Ipv6BlockAndClosingHandshake)
 	kmodel_log_clear();
 	Conn at_ack = c;
 	EXPECT_FALSE(up(c.up(sim::ACK)).accepted());
-	got = to_client();
-	ASSERT_EQ(1u, got.size());
-	EXPECT_EQ(expected_bare(at_ack, true, sim::FIN | sim::ACK, at_ack.sseq, at_ack.cseq), got[0]);
+	EXPECT_EQ(std::vector<Bytes>{ expected_bare(at_ack, true, sim::FIN | sim::ACK, at_ack.sseq, at_ack.cseq) },
+		  to_client());
 	c.sseq++;
 	EXPECT_TRUE(down(c.down(sim::ACK)).accepted()) << "server passes in FIN_WAIT1";
 	EXPECT_FALSE(up(c.up(sim::ACK)).accepted());
@@ -115,9 +97,7 @@ TEST_F(HttpScenario, Ipv6BlockAndClosingHandshake)
 	size_t free6 = free_slots(tcp_table6);
 	Conn at_fin = c;
 	EXPECT_FALSE(up(c.up(sim::FIN | sim::ACK)).accepted());
-	got = to_client();
-	ASSERT_EQ(1u, got.size());
-	EXPECT_EQ(expected_bare(at_fin, true, sim::ACK, at_fin.sseq, at_fin.cseq), got[0])
+	EXPECT_EQ(std::vector<Bytes>{ expected_bare(at_fin, true, sim::ACK, at_fin.sseq, at_fin.cseq) }, to_client())
 		<< "acknowledges the FIN's own sequence number";
 	EXPECT_EQ(free6 + 1, free_slots(tcp_table6));
 	EXPECT_EQ((Lines{ kFn + "tcphoff = 40 \n", kFn + "STATE_REDIRECT:\n", kFn + "tcphoff = 40 \n",
@@ -130,11 +110,11 @@ TEST_F(HttpScenario, Ipv6BlockAndClosingHandshake)
 // PC only, a time-blocked device, an undecodable request: the record goes
 // to STATE_BLOCK, the server is answered with an ACK and the device's next
 // segment gets the block page.
-TEST_F(HttpScenario, Ipv6UndecodableRequestFromTimeBlockedDeviceIsBlocked)
+TEST_F(HookTest, HttpIpv6UndecodableRequestFromTimeBlockedDeviceIsBlocked)
 {
 	services(false, true);
 	ASSERT_EQ(22, r.write_proc("tblock_proc", "add 00:11:22:33:44:55\n"));
-	Conn c = conn6();
+	Conn c = conn(40000, true);
 	handshake(c);
 	kmodel_log_clear();
 	EXPECT_FALSE(up(c.up(sim::ACK, "BREW /pot HTTP/1.1\r\n\r\n")).accepted());
@@ -145,9 +125,8 @@ TEST_F(HttpScenario, Ipv6UndecodableRequestFromTimeBlockedDeviceIsBlocked)
 
 	Conn before = c;
 	EXPECT_FALSE(down(c.down(sim::ACK | sim::PSH, "0123456789")).accepted());
-	auto srv = to_server();
-	ASSERT_EQ(1u, srv.size());
-	EXPECT_EQ(expected_bare(before, false, sim::ACK, before.cseq, before.sseq + 10), srv[0])
+	EXPECT_EQ(std::vector<Bytes>{ expected_bare(before, false, sim::ACK, before.cseq, before.sseq + 10) },
+		  to_server())
 		<< "the IPv6 server gets an ACK of its payload, not a reset";
 
 	before = c;
@@ -161,10 +140,10 @@ TEST_F(HttpScenario, Ipv6UndecodableRequestFromTimeBlockedDeviceIsBlocked)
 }
 
 // Collection limits, empty hosts, and what the IPv6 hook lets by.
-TEST_F(HttpScenario, Ipv6CollectionLimitsAndPacketsLeftAlone)
+TEST_F(HookTest, HttpIpv6CollectionLimitsAndPacketsLeftAlone)
 {
 	services(true, false);
-	Conn c = conn6();
+	Conn c = conn(40000, true);
 	handshake(c);
 	// More than the buffer holds: cut at 2043 bytes and closed.
 	std::string big = "GET /" + std::string(2100, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\n";
@@ -177,27 +156,27 @@ TEST_F(HttpScenario, Ipv6CollectionLimitsAndPacketsLeftAlone)
 	EXPECT_FALSE(up(c.up(sim::ACK, "more")).accepted()) << "no room left";
 
 	// An empty Host value is dropped and stays in ESTAB.
-	Conn e = conn6(40001);
+	Conn e = conn(40001, true);
 	handshake(e);
 	EXPECT_FALSE(up(e.up(sim::ACK, "GET / HTTP/1.1\r\nHost: \r\n\r\n")).accepted());
 	EXPECT_EQ(STATE_ESTAB, record(e)->state);
-	EXPECT_TRUE(daemon.requests().empty());
+	EXPECT_TRUE(requests().empty());
 
 	// Not unicast, other ports, and "br1" in WP mode (tracked in IPv6).
 	kmodel_log_clear();
-	Conn m = conn6(40002);
+	Conn m = conn(40002, true);
 	m.server6 = sim::ip6("ff02::1");
 	up(m.up(sim::SYN));
 	EXPECT_EQ((Lines{ "<7>[dns6_hook]: dns6_hook: IPv6 address is not unicast.\n\n",
 			  kFn + "forward_hook6: IPv6 address is not unicast.\n\n" }),
 		  kmodel_log());
 	kmodel_log_clear();
-	Conn o = conn6(40003);
+	Conn o = conn(40003, true);
 	o.sport = 8080;
 	up(o.up(sim::SYN)); // the WP flow hook behind narrows IPv6 to HTTP and DNS
 	EXPECT_EQ((Lines{ kFn + "tcphoff = 40 \n", kFn + "Not HTTP\n\n" }), kmodel_log());
 	lan = r.br1();
-	Conn b = conn6(40004);
+	Conn b = conn(40004, true);
 	EXPECT_TRUE(up(b.up(sim::SYN)).accepted());
 	EXPECT_NE(nullptr, record(b)) << "no early accept of br1 traffic over IPv6";
 }
