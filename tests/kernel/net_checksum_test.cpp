@@ -7,6 +7,9 @@
 #include "net/checksum.h"
 #include "sim/packet.h"
 
+// Designated initializers leave the other fields at their defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 namespace {
 
 // The checksum as it sits in the packet: the 16-bit value's bytes.
@@ -60,24 +63,15 @@ TEST(Checksum, FoldedSumsMatchAnIndependentSum)
 TEST(Checksum, PseudoHeadersVerifyBuiltSegments)
 {
 	using namespace sim;
-	Ip4 ip;
-	ip.src = ip4("192.168.1.10");
-	ip.dst = ip4("93.184.216.34");
-	Tcp t;
-	t.payload = Bytes(333, 'x');
-	t.options = {2, 4, 5, 0xb4};
-	Bytes p = ip4_tcp(ip, t);
+	Ip4 ip{ .src = ip4("192.168.1.10"), .dst = ip4("93.184.216.34") };
+	Bytes p = ip4_tcp(ip, Tcp{ .options = {2, 4, 5, 0xb4}, .payload = Bytes(333, 'x') });
 	unsigned short seglen = (unsigned short)(p.size() - 20);
 	EXPECT_EQ(0, csum_tcpudp_magic(ip.src, ip.dst, seglen, 6, csum_partial(&p[20], seglen, 0)));
 	p[40] ^= 0x10;
 	EXPECT_NE(0, csum_tcpudp_magic(ip.src, ip.dst, seglen, 6, csum_partial(&p[20], seglen, 0)));
 
-	Ip6 ip6h;
-	ip6h.src = sim::ip6("2001:db8::1");
-	ip6h.dst = sim::ip6("2606:2800:220:1::1");
-	Udp u;
-	u.payload = Bytes(45, 'q');
-	Bytes q = ip6_udp(ip6h, u);
+	Ip6 ip6h{ .src = sim::ip6("2001:db8::1"), .dst = sim::ip6("2606:2800:220:1::1") };
+	Bytes q = ip6_udp(ip6h, Udp{ .payload = Bytes(45, 'q') });
 	struct in6_addr s6, d6;
 	memcpy(&s6, ip6h.src.data(), 16);
 	memcpy(&d6, ip6h.dst.data(), 16);

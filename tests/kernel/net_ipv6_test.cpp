@@ -36,62 +36,43 @@ Ip6 base(std::vector<Ext6> ext)
 	return ip;
 }
 
-TEST(Ipv6SkipExthdr, Chains)
+TEST(Ipv6SkipExthdr, ChainsAndTruncatedPackets)
 {
 	kmodel_reset();
 	Tcp t;
 	t.payload = Bytes(10, 'a');
-	// No extension header.
-	Skip s = skip(ip6_tcp(base({}), t));
-	EXPECT_EQ(40, s.off);
-	EXPECT_EQ(6, s.nexthdr);
-	// Hop-by-hop (8), destination options (16), routing (24), then TCP.
-	Bytes p = ip6_tcp(base({{0, Bytes(6)}, {60, Bytes(14)}, {43, Bytes(22)}}), t);
-	s = skip(p);
-	EXPECT_EQ(40 + 8 + 16 + 24, s.off);
-	EXPECT_EQ(6, s.nexthdr);
-	// The same with the chain in the non-linear part.
-	s = skip(p, 44);
-	EXPECT_EQ(88, s.off);
-	EXPECT_EQ(6, s.nexthdr);
-	// AH counts its length in 4-byte units: 12 + 4 bytes here.
-	s = skip(ip6_udp(base({{51, Bytes(14)}}), Udp{}));
-	EXPECT_EQ(40 + 16, s.off);
-	EXPECT_EQ(17, s.nexthdr);
-	// A first fragment (offset 0, more set) is skipped as 8 bytes.
-	s = skip(ip6_tcp(base({{44, frag6_body(0, true, 7)}}), t));
-	EXPECT_EQ(48, s.off);
-	EXPECT_EQ(6, s.nexthdr);
-	// A later fragment stops at the fragment header.
-	s = skip(ip6_tcp(base({{0, Bytes(6)}, {44, frag6_body(3, false, 7)}}), t));
-	EXPECT_EQ(48, s.off);
-	EXPECT_EQ(44, s.nexthdr);
-	// "No next header" ends the walk with -1.
+	Bytes chain = ip6_tcp(base({{0, Bytes(6)}, {60, Bytes(14)}, {43, Bytes(22)}}), t);
 	Bytes none = ip6_tcp(base({{60, Bytes(6)}}), t);
 	none[40] = 59;
-	EXPECT_EQ(-1, skip(none).off);
-	EXPECT_EQ(-1, skip(ip6_tcp(base({{0, Bytes(6)}, {59, Bytes(6)}}), t)).off);
-}
-
-TEST(Ipv6SkipExthdr, TruncatedPackets)
-{
-	kmodel_reset();
-	Tcp t;
-	Bytes p = ip6_tcp(base({{0, Bytes(6)}, {60, Bytes(14)}}), t);
-	// Cut inside the second header's first two bytes: unreadable, -1.
-	EXPECT_EQ(-1, skip(Bytes(p.begin(), p.begin() + 48)).off);
-	EXPECT_EQ(-1, skip(Bytes(p.begin(), p.begin() + 49)).off);
-	// Its first two bytes are there: the walk goes on past the end and
-	// reports the offset; callers compare it with the packet length.
-	Skip s = skip(Bytes(p.begin(), p.begin() + 50));
-	EXPECT_EQ(64, s.off);
-	EXPECT_EQ(6, s.nexthdr);
-	// A fragment header cut before its offset field.
-	Bytes f = ip6_tcp(base({{44, frag6_body(0, false, 1)}}), t);
-	EXPECT_EQ(-1, skip(Bytes(f.begin(), f.begin() + 43)).off);
-	// A bare fixed header with an extension header announced.
-	Bytes bare(p.begin(), p.begin() + 40);
-	EXPECT_EQ(-1, skip(bare).off);
+	Bytes two = ip6_tcp(base({{0, Bytes(6)}, {60, Bytes(14)}}), Tcp{});
+	Bytes frag = ip6_tcp(base({{44, frag6_body(0, false, 1)}}), Tcp{});
+	auto cut = [](const Bytes &p, size_t n) { return Bytes(p.begin(), p.begin() + n); };
+	struct { const char *what; Bytes p; size_t linear; int off, nexthdr; } cases[] = {
+		{ "no extension header", ip6_tcp(base({}), t), SIZE_MAX, 40, 6 },
+		{ "hop-by-hop 8, destination 16, routing 24", chain, SIZE_MAX, 88, 6 },
+		{ "the same in the non-linear part", chain, 44, 88, 6 },
+		{ "AH counts 4-byte units: 12 + 4", ip6_udp(base({{51, Bytes(14)}}), Udp{}), SIZE_MAX, 56, 17 },
+		{ "first fragment skipped as 8 bytes", ip6_tcp(base({{44, frag6_body(0, true, 7)}}), t), SIZE_MAX, 48, 6 },
+		{ "later fragment stops at its header", ip6_tcp(base({{0, Bytes(6)}, {44, frag6_body(3, false, 7)}}), t),
+		  SIZE_MAX, 48, 44 },
+		{ "no next header", none, SIZE_MAX, -1, -1 },
+		{ "no next header after hop-by-hop", ip6_tcp(base({{0, Bytes(6)}, {59, Bytes(6)}}), t), SIZE_MAX, -1, -1 },
+		// Cut inside the second header's first two bytes: unreadable.
+		{ "cut at 48", cut(two, 48), SIZE_MAX, -1, -1 },
+		{ "cut at 49", cut(two, 49), SIZE_MAX, -1, -1 },
+		// Its first two bytes are there: the walk goes on past the end and
+		// reports the offset; callers compare it with the packet length.
+		{ "cut at 50", cut(two, 50), SIZE_MAX, 64, 6 },
+		{ "fragment header cut before its offset", cut(frag, 43), SIZE_MAX, -1, -1 },
+		{ "bare fixed header announcing a header", cut(two, 40), SIZE_MAX, -1, -1 },
+	};
+	for (auto &c : cases) {
+		Skip s = skip(c.p, c.linear);
+		EXPECT_EQ(c.off, s.off) << c.what;
+		if (c.off >= 0) {
+			EXPECT_EQ(c.nexthdr, s.nexthdr) << c.what;
+		}
+	}
 	EXPECT_EQ(0, kmodel_skb_stats_get().live);
 }
 

@@ -25,7 +25,6 @@ std::vector<uint8_t> pattern(size_t n)
 }
 
 class SkbTest : public ::testing::Test {
-protected:
 	void SetUp() override { kmodel_reset(); }
 	void TearDown() override { kmodel_reset(); }
 };
@@ -38,15 +37,12 @@ TEST_F(SkbTest, PullTailMovesFragmentBytesIntoTheHead)
 	struct sk_buff *skb = kmodel_skb_build(bytes.data(), bytes.size(), 20, 16, 30);
 	skb->transport_header = skb->data + 20;
 	skb->mac_header = skb->data - 14;
-	ASSERT_EQ(300u, skb->len);
 	ASSERT_EQ(280u, skb->data_len);
-	EXPECT_EQ(20u, skb_headlen(skb));
 	EXPECT_EQ(0, skb_tailroom(skb));
 
 	ASSERT_TRUE(pskb_may_pull(skb, 101));
 	EXPECT_EQ(101u, skb_headlen(skb));
 	EXPECT_EQ(199u, skb->data_len);
-	EXPECT_NE(nullptr, skb_shinfo(skb)->frags[0].page);
 	EXPECT_EQ(300u, skb->len);
 	EXPECT_EQ(bytes, kmodel_skb_bytes(skb));
 	EXPECT_EQ(0, memcmp(skb->data, bytes.data(), 101));
@@ -129,8 +125,7 @@ TEST_F(SkbTest, CopyIsLinearAndTakesItsOwnReferences)
 	struct sk_buff *c = skb_copy(skb, GFP_ATOMIC);
 	ASSERT_NE(nullptr, c);
 	EXPECT_EQ(0u, c->data_len);
-	EXPECT_EQ(120u, c->len);
-	EXPECT_EQ(0, memcmp(c->data, bytes.data(), 120));
+	EXPECT_EQ(bytes, kmodel_skb_bytes(c));
 	EXPECT_EQ(40, skb_headroom(c));
 	EXPECT_EQ(20, c->transport_header - c->data);
 	EXPECT_EQ(-14, c->mac_header - c->data);
@@ -140,7 +135,6 @@ TEST_F(SkbTest, CopyIsLinearAndTakesItsOwnReferences)
 	EXPECT_EQ(3, kmodel_ct_refs(ct));
 	EXPECT_EQ(dst, skb_dst(c));
 	EXPECT_EQ(2, kmodel_dst_refs(dst));
-	EXPECT_GE(skb_tailroom(c), 0);
 
 	// Failure injection hits the copy; nothing leaks.
 	kmodel_fail_skb_alloc_nth(1);
@@ -168,17 +162,13 @@ TEST_F(SkbTest, GeometryChangesAreBounded)
 	// The size is rounded up to the cache line, as on the router.
 	EXPECT_EQ(128, skb_tailroom(skb));
 	skb_reserve(skb, 16);
-	unsigned char *p = skb_put(skb, 60);
-	EXPECT_EQ(skb->data, p);
-	EXPECT_EQ(60u, skb->len);
-	EXPECT_EQ(skb->data + 60, skb_tail_pointer(skb));
 	unsigned char *before = skb->data;
-	p = skb_push(skb, 14);
-	EXPECT_EQ(before - 14, p);
+	EXPECT_EQ(before, skb_put(skb, 60));
+	EXPECT_EQ(before + 60, skb_tail_pointer(skb));
+	EXPECT_EQ(before - 14, skb_push(skb, 14));
 	EXPECT_EQ(74u, skb->len);
 	EXPECT_EQ(nullptr, skb_pull(skb, 75));
-	p = skb_pull(skb, 14);
-	EXPECT_EQ(before, p);
+	EXPECT_EQ(before, skb_pull(skb, 14));
 	skb_trim(skb, 80); // longer: nothing happens
 	EXPECT_EQ(60u, skb->len);
 	skb_trim(skb, 40);

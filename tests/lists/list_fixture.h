@@ -22,43 +22,26 @@ inline std::string mac_text(const u8 *m)
 	return s;
 }
 
-// Every linked time-block entry, bucket by bucket, checking the links.
-inline std::vector<tblk_entry *> tblk_entries(void)
+// Every linked entry, bucket by bucket, checking the links and the bucket.
+template <class E> std::vector<E *> entries(E **table, int size)
 {
-	std::vector<tblk_entry *> out;
-	for (int i = 0; i < TBLK_HASH_SIZE; i++) {
-		tblk_entry **link = &g_tblk_t[i];
-		for (tblk_entry *e = *link; e; link = &e->next, e = e->next) {
-			EXPECT_EQ(link, e->pprev);
-			EXPECT_EQ((unsigned)i, mac_hash(e->mac, TBLK_HASH_SIZE));
-			out.push_back(e);
+	std::vector<E *> out;
+	for (int i = 0; i < size; i++)
+		for (E **link = &table[i]; *link; link = &(*link)->next) {
+			EXPECT_EQ(link, (*link)->pprev);
+			EXPECT_EQ((unsigned)i, mac_hash((*link)->mac, size));
+			out.push_back(*link);
 		}
-	}
 	return out;
 }
-
-inline std::vector<ublk_entry *> ublk_entries(void)
-{
-	std::vector<ublk_entry *> out;
-	for (int i = 0; i < UBLK_HASH_SIZE; i++) {
-		ublk_entry **link = &g_ublk_t[i];
-		for (ublk_entry *e = *link; e; link = &e->next, e = e->next) {
-			EXPECT_EQ(link, e->pprev);
-			EXPECT_EQ((unsigned)i, mac_hash(e->mac, UBLK_HASH_SIZE));
-			out.push_back(e);
-		}
-	}
-	return out;
-}
+inline std::vector<tblk_entry *> tblk_entries() { return entries(g_tblk_t, TBLK_HASH_SIZE); }
+inline std::vector<ublk_entry *> ublk_entries() { return entries(g_ublk_t, UBLK_HASH_SIZE); }
 
 inline std::vector<u8> mac(const char *text)
 {
-	std::vector<u8> m(6);
 	unsigned v[6];
 	EXPECT_EQ(6, sscanf(text, "%x:%x:%x:%x:%x:%x", &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]));
-	for (int i = 0; i < 6; i++)
-		m[i] = (u8)v[i];
-	return m;
+	return std::vector<u8>(v, v + 6);
 }
 
 class Lists : public ::testing::Test {
@@ -68,8 +51,7 @@ protected:
 		kmodel_reset();
 		ASSERT_EQ(0, tblock_init());
 		ASSERT_EQ(0, unblock_init());
-		base_blocks = kmodel_alloc_stats_get().live_blocks; // the two bucket arrays
-		ASSERT_EQ(2, base_blocks);
+		ASSERT_EQ(2, kmodel_alloc_stats_get().live_blocks); // the two bucket arrays
 		kmodel_log_clear();
 	}
 	void TearDown() override
@@ -81,15 +63,13 @@ protected:
 	int tblock(const std::string &text) { return kmodel_proc_write_str("tblock_proc", text); }
 	int unblock(const std::string &text) { return kmodel_proc_write_str("unblock_proc", text); }
 	// Live allocations beyond the two bucket arrays.
-	long entries_alive(void) { return kmodel_alloc_stats_get().live_blocks - base_blocks; }
-	Lines take_log(void)
+	long entries_alive() { return kmodel_alloc_stats_get().live_blocks - 2; }
+	Lines take_log()
 	{
 		Lines l = kmodel_log();
 		kmodel_log_clear();
 		return l;
 	}
-
-	long base_blocks = 0;
 };
 
 } // namespace lists_test

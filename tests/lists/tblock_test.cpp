@@ -1,7 +1,8 @@
 // The time-block list through its control file: the command language, the
 // log it writes, and which entries stay allocated afterwards.
-#include "list_fixture.h"
+#include <random>
 
+#include "list_fixture.h"
 #include "linux/errno.h"
 #include "linux/slab.h"
 #include "linux/string.h"
@@ -29,27 +30,22 @@ TEST(MacText, ParsingAndValidation)
 		EXPECT_EQ(c.mac, mac_text(m)) << c.text;
 	}
 
+	// Locally administered is fine; group, broadcast and zero are refused.
 	u8 m[6];
 	EXPECT_EQ(0, get_hwaddr("00:11:22:33:44:55", m));
-	EXPECT_EQ(0, get_hwaddr("02:00:00:00:00:00", m));  // locally administered is fine
-	EXPECT_EQ(-1, get_hwaddr("01:00:5e:00:00:01", m)); // group
-	EXPECT_EQ(-1, get_hwaddr("ff:ff:ff:ff:ff:ff", m)); // broadcast
-	EXPECT_EQ(-1, get_hwaddr("00:00:00:00:00:00", m));
-	EXPECT_EQ(-1, get_hwaddr("zz", m));
-	EXPECT_EQ(-1, get_hwaddr("", m));
-	EXPECT_EQ(-1, get_hwaddr(NULL, m));
+	EXPECT_EQ(0, get_hwaddr("02:00:00:00:00:00", m));
+	for (const char *bad : { "01:00:5e:00:00:01", "ff:ff:ff:ff:ff:ff", "00:00:00:00:00:00", "zz", "", (const char *)NULL })
+		EXPECT_EQ(-1, get_hwaddr(bad, m)) << (bad ? bad : "NULL");
 }
 
 TEST(MacText, HashMatchesTheShiftedXorForm)
 {
 	// h = m0<<10 ^ m1<<8 ^ m2<<6 ^ m3<<4 ^ m4<<2 ^ m5, folded by h ^ h>>8.
-	u32 seed = 12345;
+	std::mt19937 rng(12345);
 	for (int n = 0; n < 20000; n++) {
 		u8 m[6];
-		for (auto &b : m) {
-			seed = seed * 1103515245u + 12345u;
-			b = (u8)(seed >> 16);
-		}
+		for (auto &b : m)
+			b = (u8)rng();
 		u32 h = (u32)m[0] << 10 ^ (u32)m[1] << 8 ^ (u32)m[2] << 6 ^ (u32)m[3] << 4 ^ (u32)m[4] << 2 ^ m[5];
 		ASSERT_EQ((h ^ h >> 8) & 63, mac_hash(m, 64)) << mac_text(m);
 		ASSERT_EQ((h ^ h >> 8) & 255, mac_hash(m, 256)) << mac_text(m);
@@ -63,15 +59,12 @@ TEST_F(Lists, TblockAddTwiceDeleteAndTheKeptReference)
 {
 	EXPECT_EQ(22, tblock("add 00:11:22:33:44:55\n"));
 	EXPECT_EQ(22, tblock("add 00:11:22:33:44:55\n"));
-	EXPECT_EQ((Lines{
-			  "<7>[tblk_proc_write]: tblock_string=add 00:11:22:33:44:55\n\n\n",
+	EXPECT_EQ((Lines{ "<7>[tblk_proc_write]: tblock_string=add 00:11:22:33:44:55\n\n\n",
 			  "<7>[tblk_proc_write]: add tblk entry...\n",
 			  "<7>[tblk_insert]: Add: [00:11:22:33:44:55]\n",
 			  "<7>[tblk_proc_write]: tblock_string=add 00:11:22:33:44:55\n\n\n",
 			  "<7>[tblk_proc_write]: add tblk entry...\n",
-			  "<7>[tblk_proc_write]: 129: alread exist [00:11:22:33:44:55]\n",
-		  }),
-		  take_log());
+			  "<7>[tblk_proc_write]: 129: alread exist [00:11:22:33:44:55]\n" }), take_log());
 	auto list = tblk_entries();
 	ASSERT_EQ(1u, list.size());
 	tblk_entry *e = list[0];
@@ -79,12 +72,9 @@ TEST_F(Lists, TblockAddTwiceDeleteAndTheKeptReference)
 	EXPECT_EQ(1, entries_alive());
 
 	EXPECT_EQ(21, tblock("del:00:11:22:33:44:55"));
-	EXPECT_EQ((Lines{
-			  "<7>[tblk_proc_write]: tblock_string=del:00:11:22:33:44:55\n\n",
+	EXPECT_EQ((Lines{ "<7>[tblk_proc_write]: tblock_string=del:00:11:22:33:44:55\n\n",
 			  "<7>[tblk_proc_write]: delete tblk entry...\n",
-			  "<7>[tblk_delete_by_mac]: Delete: [00:11:22:33:44:55]\n",
-		  }),
-		  take_log());
+			  "<7>[tblk_delete_by_mac]: Delete: [00:11:22:33:44:55]\n" }), take_log());
 	EXPECT_TRUE(tblk_entries().empty());
 	// Unlinked, but the duplicate check's reference keeps it allocated.
 	EXPECT_TRUE(kmodel_is_live(e));
@@ -103,8 +93,7 @@ TEST_F(Lists, TblockAddTwiceDeleteAndTheKeptReference)
 	take_log();
 	EXPECT_EQ(21, tblock("del 00:aa:bb:cc:dd:ee"));
 	EXPECT_EQ((Lines{ "<7>[tblk_proc_write]: tblock_string=del 00:aa:bb:cc:dd:ee\n\n",
-			  "<7>[tblk_proc_write]: delete tblk entry...\n" }),
-		  take_log());
+			  "<7>[tblk_proc_write]: delete tblk entry...\n" }), take_log());
 
 	// Each list operation is its own section: look-up, then insertion.
 	long sections = kmodel_bh_sections();
@@ -134,9 +123,8 @@ TEST_F(Lists, TblockKeywordsAndAddressForms)
 		EXPECT_EQ(c.result, tblock(c.cmd));
 		auto list = tblk_entries();
 		ASSERT_EQ(c.added ? 1u : 0u, list.size());
-		if (c.added) {
-			EXPECT_EQ(c.added, mac_text(list[0]->mac));
-		}
+		for (auto *e : list)
+			EXPECT_EQ(c.added, mac_text(e->mac));
 		tblk_flush();
 	}
 	// Refused addresses stop after the keyword line; unknown keywords log
@@ -146,8 +134,7 @@ TEST_F(Lists, TblockKeywordsAndAddressForms)
 	EXPECT_EQ(3, tblock("xyz"));
 	EXPECT_EQ((Lines{ "<7>[tblk_proc_write]: tblock_string=add 01:00:5e:00:00:01\n\n",
 			  "<7>[tblk_proc_write]: add tblk entry...\n",
-			  "<7>[tblk_proc_write]: tblock_string=xyz\n\n" }),
-		  take_log());
+			  "<7>[tblk_proc_write]: tblock_string=xyz\n\n" }), take_log());
 	EXPECT_EQ(0, entries_alive());
 }
 
@@ -164,15 +151,12 @@ TEST_F(Lists, TblockFlushClearsEveryBucket)
 	take_log();
 
 	EXPECT_EQ(10, tblock("flushing\tx"));
-	EXPECT_EQ((Lines{
-			  "<7>[tblk_proc_write]: tblock_string=flushing\tx\n\n",
+	EXPECT_EQ((Lines{ "<7>[tblk_proc_write]: tblock_string=flushing\tx\n\n",
 			  "<7>[tblk_proc_write]: flush all tblk entries...\n",
 			  "<7>[tblk_flush]: Clear: [00:00:00:00:00:40]\n",
 			  "<7>[tblk_flush]: Clear: [00:11:22:33:44:95]\n",
 			  "<7>[tblk_flush]: Clear: [00:11:22:33:44:55]\n",
-			  "<7>[tblk_flush]: Clear: [00:00:00:00:00:3f]\n",
-		  }),
-		  take_log());
+			  "<7>[tblk_flush]: Clear: [00:00:00:00:00:3f]\n" }), take_log());
 	for (const char *m : macs)
 		EXPECT_EQ(nullptr, tblk_get(mac(m).data())) << m;
 	EXPECT_EQ(1, entries_alive()); // the one a caller still holds
@@ -193,8 +177,7 @@ TEST_F(Lists, TblockDirectInterface)
 	take_log();
 	tblk_delete_by_mac(m);
 	EXPECT_EQ((Lines{ "<7>[tblk_delete_by_mac]: Delete: [00:11:22:33:44:55]\n",
-			  "<7>[tblk_delete_by_mac]: Delete: [00:11:22:33:44:55]\n" }),
-		  take_log());
+			  "<7>[tblk_delete_by_mac]: Delete: [00:11:22:33:44:55]\n" }), take_log());
 	EXPECT_EQ(1, entries_alive());
 
 	tblk_delete(NULL);
@@ -210,8 +193,7 @@ TEST_F(Lists, TblockDirectInterface)
 	EXPECT_EQ(21, tblock("add 00:11:22:33:44:55"));
 	kmodel_fail_alloc_flags(0);
 	EXPECT_EQ((Lines{ "<7>[tblk_proc_write]: tblock_string=add 00:11:22:33:44:55\n\n",
-			  "<7>[tblk_proc_write]: add tblk entry...\n" }),
-		  take_log());
+			  "<7>[tblk_proc_write]: add tblk entry...\n" }), take_log());
 	EXPECT_TRUE(tblk_entries().empty());
 	EXPECT_EQ(0, entries_alive());
 }

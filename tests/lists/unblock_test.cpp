@@ -14,17 +14,21 @@ namespace {
 
 const char kMac[] = "00:11:22:33:44:55";
 
+// The two lines every accepted write to the unblock file begins with.
+Lines write_echo(const std::string &text)
+{
+	return { "<7>[tm_proc_write]: buff=" + text + ", len=" + std::to_string(text.size()) + "\n\n",
+		 "<7>[tm_proc_write]: unblock_string=" + text + "\n\n" };
+}
+
 TEST_F(Lists, UnblockGrantExpireAndHookDelete)
 {
 	const u32 t0 = 0xffffffffu - 1000; // the exemption runs across the wrap
 	kmodel_set_jiffies(t0);
 	EXPECT_EQ(-EFAULT, unblock("+|00:11:22:33:44:55")); // success reads as a failed write
-	EXPECT_EQ((Lines{
-			  "<7>[tm_proc_write]: buff=+|00:11:22:33:44:55, len=19\n\n",
+	EXPECT_EQ((Lines{ "<7>[tm_proc_write]: buff=+|00:11:22:33:44:55, len=19\n\n",
 			  "<7>[tm_proc_write]: unblock_string=+|00:11:22:33:44:55\n\n",
-			  "<6>[tm_proc_write]: c=+, mac=00:11:22:33:44:55, url=\n\n",
-		  }),
-		  take_log());
+			  "<6>[tm_proc_write]: c=+, mac=00:11:22:33:44:55, url=\n\n" }), take_log());
 	auto list = ublk_entries();
 	ASSERT_EQ(1u, list.size());
 	ublk_entry *e = list[0];
@@ -127,12 +131,9 @@ TEST_F(Lists, UnblockReplaceByDeviceAndByUrl)
 	// "-" removes every exemption of the device; those never looked up are freed.
 	take_log();
 	EXPECT_EQ(19, unblock("-|00:11:22:33:44:55"));
-	EXPECT_EQ((Lines{
-			  "<7>[tm_proc_write]: buff=-|00:11:22:33:44:55, len=19\n\n",
+	EXPECT_EQ((Lines{ "<7>[tm_proc_write]: buff=-|00:11:22:33:44:55, len=19\n\n",
 			  "<7>[tm_proc_write]: unblock_string=-|00:11:22:33:44:55\n\n",
-			  "<6>[tm_proc_write]: c=-, mac=00:11:22:33:44:55, url=\n\n",
-		  }),
-		  take_log());
+			  "<6>[tm_proc_write]: c=-, mac=00:11:22:33:44:55, url=\n\n" }), take_log());
 	EXPECT_TRUE(ublk_entries().empty());
 	// Kept: the two replaced entries, the device entry and the URL entry
 	// that was looked up.
@@ -186,9 +187,7 @@ TEST_F(Lists, UnblockFlushCommandsAndPendingFlag)
 		EXPECT_EQ((int)text.size(), unblock(text));
 		EXPECT_EQ(c.flag ? 1 : 0, get_flush_supending());
 		EXPECT_EQ(c.emptied ? 0u : 2u, ublk_entries().size());
-		EXPECT_EQ((Lines{ "<7>[tm_proc_write]: buff=" + text + ", len=" + std::to_string(text.size()) + "\n\n",
-				  "<7>[tm_proc_write]: unblock_string=" + text + "\n\n" }),
-			  take_log());
+		EXPECT_EQ(write_echo(text), take_log());
 		ublk_flush(0);
 	}
 	EXPECT_EQ(0, entries_alive());
@@ -207,31 +206,23 @@ TEST_F(Lists, UnblockRefusals)
 	take_log();
 	long sections = kmodel_bh_sections();
 
-	EXPECT_EQ(-EFAULT, unblock("+00:11:22:33:44:55"));
-	EXPECT_EQ(-EFAULT, unblock(""));
-	EXPECT_EQ(19, unblock("x|00:11:22:33:44:55"));
-	EXPECT_EQ(19, unblock("+|01:00:5e:00:00:01"));
-	EXPECT_EQ(19, unblock("+|00:00:00:00:00:00"));
-	EXPECT_EQ(2, unblock("+|"));
-	EXPECT_EQ((Lines{
-			  "<7>[tm_proc_write]: buff=+00:11:22:33:44:55, len=18\n\n",
-			  "<7>[tm_proc_write]: unblock_string=+00:11:22:33:44:55\n\n",
-			  "<7>[tm_proc_write]: buff=, len=0\n\n",
-			  "<7>[tm_proc_write]: unblock_string=\n\n",
-			  "<7>[tm_proc_write]: buff=x|00:11:22:33:44:55, len=19\n\n",
-			  "<7>[tm_proc_write]: unblock_string=x|00:11:22:33:44:55\n\n",
-			  "<6>[tm_proc_write]: c=x, mac=00:11:22:33:44:55, url=\n\n",
-			  "<7>[tm_proc_write]: buff=+|01:00:5e:00:00:01, len=19\n\n",
-			  "<7>[tm_proc_write]: unblock_string=+|01:00:5e:00:00:01\n\n",
-			  "<6>[tm_proc_write]: c=+, mac=01:00:5e:00:00:01, url=\n\n",
-			  "<7>[tm_proc_write]: buff=+|00:00:00:00:00:00, len=19\n\n",
-			  "<7>[tm_proc_write]: unblock_string=+|00:00:00:00:00:00\n\n",
-			  "<6>[tm_proc_write]: c=+, mac=00:00:00:00:00:00, url=\n\n",
-			  "<7>[tm_proc_write]: buff=+|, len=2\n\n",
-			  "<7>[tm_proc_write]: unblock_string=+|\n\n",
-			  "<6>[tm_proc_write]: c=+, mac=00:00:00:00:00:00, url=\n\n",
-		  }),
-		  take_log());
+	// Refused writes: the echo, and the parsed command once a "|" follows it.
+	struct { const char *text; int result; const char *parsed; } cases[] = {
+		{ "+00:11:22:33:44:55", -EFAULT, nullptr },
+		{ "", -EFAULT, nullptr },
+		{ "x|00:11:22:33:44:55", 19, "<6>[tm_proc_write]: c=x, mac=00:11:22:33:44:55, url=\n\n" },
+		{ "+|01:00:5e:00:00:01", 19, "<6>[tm_proc_write]: c=+, mac=01:00:5e:00:00:01, url=\n\n" },
+		{ "+|00:00:00:00:00:00", 19, "<6>[tm_proc_write]: c=+, mac=00:00:00:00:00:00, url=\n\n" },
+		{ "+|", 2, "<6>[tm_proc_write]: c=+, mac=00:00:00:00:00:00, url=\n\n" },
+	};
+	for (auto &c : cases) {
+		SCOPED_TRACE(c.text);
+		EXPECT_EQ(c.result, unblock(c.text));
+		Lines want = write_echo(c.text);
+		if (c.parsed)
+			want.push_back(c.parsed);
+		EXPECT_EQ(want, take_log());
+	}
 	EXPECT_EQ(sections, kmodel_bh_sections()); // no list operation ran
 
 	// Too long or unreadable: -EFAULT after the first line, which shows no
@@ -241,8 +232,7 @@ TEST_F(Lists, UnblockRefusals)
 	EXPECT_EQ(-EFAULT, unblock(long_cmd));
 	EXPECT_EQ(-EFAULT, kmodel_proc_write("unblock_proc", cmd.data(), cmd.size(), /*bad_address=*/true));
 	EXPECT_EQ((Lines{ "<7>[tm_proc_write]: buff=" + long_cmd.substr(0, 299) + ", len=300\n\n",
-			  "<7>[tm_proc_write]: buff=, len=19\n\n" }),
-		  take_log());
+			  "<7>[tm_proc_write]: buff=, len=19\n\n" }), take_log());
 	EXPECT_EQ(1u, ublk_entries().size());
 
 	// "-" takes the address unchecked; an insertion that cannot allocate

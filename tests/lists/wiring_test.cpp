@@ -16,18 +16,15 @@ TEST(ListWiring, FilesAndSetUpFailures)
 	{
 		sim::Router r;
 		ASSERT_EQ(0, r.load());
-		const proc_dir_entry *t = kmodel_proc_entry("tblock_proc");
-		const proc_dir_entry *u = kmodel_proc_entry("unblock_proc");
-		ASSERT_TRUE(t && u);
-		EXPECT_EQ(420u, t->mode); // 0644
-		EXPECT_EQ(420u, u->mode);
-		EXPECT_EQ(nullptr, t->read_proc);
-		EXPECT_EQ(nullptr, u->read_proc);
-		EXPECT_EQ(tblk_proc_write, t->write_proc);
-		EXPECT_EQ(tm_proc_write, u->write_proc);
+		for (auto [name, write] : { std::pair{ "tblock_proc", &tblk_proc_write }, { "unblock_proc", &tm_proc_write } }) {
+			const proc_dir_entry *e = kmodel_proc_entry(name);
+			ASSERT_TRUE(e) << name;
+			EXPECT_EQ(420u, e->mode); // 0644
+			EXPECT_EQ(nullptr, e->read_proc);
+			EXPECT_EQ(write, e->write_proc);
+		}
 		r.unload();
-		EXPECT_FALSE(kmodel_proc_exists("tblock_proc"));
-		EXPECT_FALSE(kmodel_proc_exists("unblock_proc"));
+		EXPECT_FALSE(kmodel_proc_exists("tblock_proc") || kmodel_proc_exists("unblock_proc"));
 	}
 	// The lists' files are the first two the module makes.
 	struct { long nth; Lines log; } files[] = {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -18,21 +19,14 @@ std::string scratch(const char *name) { return std::string(DNSHOOK_BINARY_DIR) +
 
 Bytes file_bytes(const std::string &path)
 {
-	Bytes b;
-	FILE *f = fopen(path.c_str(), "rb");
-	for (int c; f && (c = fgetc(f)) != EOF;)
-		b.push_back((uint8_t)c);
-	if (f)
-		fclose(f);
-	return b;
+	std::ifstream f(path, std::ios::binary);
+	return Bytes(std::istreambuf_iterator<char>(f), {});
 }
 
 void put_file(const std::string &path, const Bytes &b)
 {
-	FILE *f = fopen(path.c_str(), "wb");
-	ASSERT_NE(nullptr, f);
-	ASSERT_EQ(b.size(), fwrite(b.data(), 1, b.size(), f));
-	fclose(f);
+	std::ofstream f(path, std::ios::binary | std::ios::trunc);
+	ASSERT_TRUE(f.write((const char *)b.data(), b.size()).flush());
 }
 
 // The file with every 32-bit header field byte-swapped (a capture taken

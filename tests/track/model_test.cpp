@@ -122,9 +122,7 @@ u32 random_step(std::mt19937 &rng, u32 timeout)
 {
 	static const u32 parts[] = { 0, 1, 7, 100, 2500, 5000, 10000 };
 	u32 step = timeout / 10000 * parts[rng() % 7];
-	if (rng() % 8 == 0)
-		step = timeout + (u32)(rng() % 3) - 1;
-	return step;
+	return rng() % 8 ? step : timeout + (u32)(rng() % 3) - 1;
 }
 
 struct Conn {
@@ -175,16 +173,13 @@ TEST(TableModel, HttpTableFollowsTheModelAcrossTheWrap)
 			ASSERT_EQ(want, rec ? rec->slot : -1) << "step " << step;
 			finds++;
 			hits += rec != nullptr;
-		} else if (op < 69) {
+		} else if (op < 95) {
 			int s = m.random_in_use(rng);
-			if (s >= 0) {
+			if (s >= 0 && op < 69) {
 				tcp_delete(&tcp_table->slots[s]);
 				m.release(s);
 				ASSERT_EQ(0u, tcp_table->slots[s].node.expires);
-			}
-		} else if (op < 95) {
-			int s = m.random_in_use(rng);
-			if (s >= 0) {
+			} else if (s >= 0) {
 				tcp_update_timeout(&tcp_table->slots[s]);
 				m.refresh(s);
 			}
@@ -193,9 +188,7 @@ TEST(TableModel, HttpTableFollowsTheModelAcrossTheWrap)
 			kmodel_advance_jiffies(random_step(rng, TCP_TIMEOUT));
 			wrapped |= jiffies < start;
 		}
-		expect_same(m, &tcp_table->pool, tcp_table->slots, tcp_next_sweep);
-		if (HasFatalFailure())
-			return;
+		ASSERT_NO_FATAL_FAILURE(expect_same(m, &tcp_table->pool, tcp_table->slots, tcp_next_sweep));
 	}
 	EXPECT_TRUE(wrapped);
 	EXPECT_GT(hits, finds / 5);
@@ -226,15 +219,12 @@ TEST(TableModel, FlowTableWithKeptRecordsFollowsTheModel)
 			pct_tracking *rec = pct_find(addr);
 			int want = m.find(b, [&](const Key &r) { return !memcmp(&r[0], &k[0], 4); });
 			ASSERT_EQ(want, rec ? rec->slot : -1) << "step " << step;
-		} else if (op < 72) {
-			int s = m.random_in_use(rng);
-			if (s >= 0) {
-				pct_delete(&pct_table->slots[s]);
-				m.release(s);
-			}
 		} else if (op < 85) {
 			int s = m.random_in_use(rng);
-			if (s >= 0) {
+			if (s >= 0 && op < 72) {
+				pct_delete(&pct_table->slots[s]);
+				m.release(s);
+			} else if (s >= 0) {
 				pct_update_timeout(&pct_table->slots[s]);
 				m.refresh(s);
 			}
@@ -243,9 +233,7 @@ TEST(TableModel, FlowTableWithKeptRecordsFollowsTheModel)
 		}
 		for (int s : m.age)
 			kept_survivals += m.keep[s] && (s32)(m.expires[s] - jiffies) < 0;
-		expect_same(m, &pct_table->pool, pct_table->slots, pct_next_sweep);
-		if (HasFatalFailure())
-			return;
+		ASSERT_NO_FATAL_FAILURE(expect_same(m, &pct_table->pool, pct_table->slots, pct_next_sweep));
 	}
 	EXPECT_GT(kept_survivals, 100);
 	EXPECT_GT(evictions, 10);

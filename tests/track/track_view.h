@@ -1,11 +1,9 @@
 #pragma once
 // Reads a table's lists back as slot numbers and checks the slot invariant:
-// every slot is either free (on the free list only, age link poisoned or
-// self-pointing) or in use (on one bucket chain and on the age list), and
-// every list is a well-formed ring.
+// a slot is free (on the free list only, age link poisoned or self-pointing)
+// or in use (on one bucket chain and on the age list); every list is a ring.
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <set>
 #include <vector>
 
@@ -14,36 +12,21 @@
 namespace track_test {
 
 struct View {
-	std::vector<int> free_list;
+	std::vector<int> free_list, age;
 	std::vector<std::vector<int>> buckets;
-	std::vector<int> age;
 };
 
-// Slot number of a node, or -1 if it lies outside [base, base + count).
-template <class R> int slot_of(const R *base, int count, const track_node *n)
-{
-	const R *r = (const R *)((const char *)n - offsetof(R, node));
-	if (r < base || r >= base + count)
-		return -1;
-	return (int)(r - base);
-}
-
-// Walks one ring; fails on a broken back link or a ring longer than limit.
-template <class R>
-std::vector<int> ring(const R *base, int count, const list_head *head, size_t link_off)
+// One ring as slot numbers, -1 for a record outside [base, base + count).
+template <class R> std::vector<int> ring(const R *base, int count, const list_head *head, size_t link_off)
 {
 	std::vector<int> out;
 	const list_head *prev = head;
-	for (const list_head *p = head->next; p != head; p = p->next) {
+	for (const list_head *p = head->next; p != head && out.size() <= 1000; prev = p, p = p->next) {
 		EXPECT_EQ(prev, p->prev) << "broken back link";
-		const track_node *n = (const track_node *)((const char *)p - link_off);
-		out.push_back(slot_of(base, count, n));
-		prev = p;
-		if (out.size() > 1000) {
-			ADD_FAILURE() << "ring does not close";
-			break;
-		}
+		const R *r = (const R *)((const char *)p - link_off - offsetof(R, node));
+		out.push_back(r < base || r >= base + count ? -1 : (int)(r - base));
 	}
+	EXPECT_LE(out.size(), 1000u) << "ring does not close";
 	EXPECT_EQ(prev, head->prev);
 	return out;
 }
@@ -62,21 +45,17 @@ template <class R> View view(const track_pool *pool, const R *base, int count = 
 template <class R> void check_invariant(const track_pool *pool, const R *base, int count = TRACK_SLOTS)
 {
 	View v = view(pool, base, count);
-	std::multiset<int> in_buckets, on_age(v.age.begin(), v.age.end());
+	std::multiset<int> used, on_age(v.age.begin(), v.age.end()), free_set(v.free_list.begin(), v.free_list.end());
 	for (auto &b : v.buckets)
-		in_buckets.insert(b.begin(), b.end());
-	std::multiset<int> free_set(v.free_list.begin(), v.free_list.end());
-	EXPECT_EQ((size_t)count, v.free_list.size() + in_buckets.size());
-	EXPECT_EQ(in_buckets, on_age);
+		used.insert(b.begin(), b.end());
+	EXPECT_EQ((size_t)count, free_set.size() + used.size());
+	EXPECT_EQ(used, on_age);
 	for (int i = 0; i < count; i++) {
-		size_t f = free_set.count(i), u = in_buckets.count(i);
-		EXPECT_EQ(1u, f + u) << "slot " << i;
+		EXPECT_EQ(1u, free_set.count(i) + used.count(i)) << "slot " << i;
 		const list_head *age = &base[i].node.age_link;
-		if (f) {
-			EXPECT_TRUE((age->next == LIST_POISON1 && age->prev == LIST_POISON2) ||
-				    (age->next == age && age->prev == age))
-				<< "free slot " << i << " still linked by age";
-		}
+		bool unlinked = (age->next == LIST_POISON1 && age->prev == LIST_POISON2) ||
+				(age->next == age && age->prev == age);
+		EXPECT_TRUE(!free_set.count(i) || unlinked) << "free slot " << i << " still linked by age";
 	}
 }
 
