@@ -110,4 +110,26 @@ inline sim::Ip6 client_ip6(std::vector<sim::Ext6> ext = {})
 	return ip;
 }
 
+// What a reverse rebuild of (ip, t) must look like: ends swapped, TTL 255,
+// identification 0 and DF over IPv4, the window kept, no options.
+inline Bytes reply4(sim::Ip4 ip, const sim::Tcp &t, uint8_t flags, uint32_t ack)
+{
+	std::swap(ip.src, ip.dst);
+	ip.ttl = 255, ip.id = 0, ip.frag = 0x4000;
+	sim::Tcp o;
+	o.sport = t.dport, o.dport = t.sport, o.seq = t.ack, o.ack = ack;
+	o.flags = flags, o.window = t.window, o.urg_ptr = 0;
+	return sim::ip4_tcp(ip, o);
+}
+
+inline Bytes reply6(sim::Ip6 ip, const sim::Tcp &t, uint8_t flags, uint32_t ack)
+{
+	std::swap(ip.src, ip.dst);
+	ip.hop_limit = 64;
+	sim::Tcp o;
+	o.sport = t.dport, o.dport = t.sport, o.seq = t.ack, o.ack = ack;
+	o.flags = flags, o.window = t.window, o.urg_ptr = 0;
+	return sim::ip6_tcp(ip, o);
+}
+
 } // namespace forge_test

@@ -13,31 +13,6 @@
 
 using namespace forge_test;
 
-namespace {
-
-// What a reverse rebuild of (ip, t) must look like.
-Bytes reply4(sim::Ip4 ip, const sim::Tcp &t, uint8_t flags, uint32_t ack)
-{
-	std::swap(ip.src, ip.dst);
-	ip.ttl = 255, ip.id = 0, ip.frag = 0x4000;
-	sim::Tcp o;
-	o.sport = t.dport, o.dport = t.sport, o.seq = t.ack, o.ack = ack;
-	o.flags = flags, o.window = t.window, o.urg_ptr = 0;
-	return sim::ip4_tcp(ip, o);
-}
-
-Bytes reply6(sim::Ip6 ip, const sim::Tcp &t, uint8_t flags, uint32_t ack)
-{
-	std::swap(ip.src, ip.dst);
-	ip.hop_limit = 64;
-	sim::Tcp o;
-	o.sport = t.dport, o.dport = t.sport, o.seq = t.ack, o.ack = ack;
-	o.flags = flags, o.window = t.window, o.urg_ptr = 0;
-	return sim::ip6_tcp(ip, o);
-}
-
-} // namespace
-
 TEST_F(Forge, ReverseRebuildIPv4SetsEveryFieldForEachSelector)
 {
 	const sim::Ip4 ip = client_ip({0x94, 0x04, 0x00, 0x00}); // router alert option

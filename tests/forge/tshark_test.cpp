@@ -3,8 +3,6 @@
 // read back the flags, sequence numbers and the redirect.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include "tests/forge/fixture.h"
 
 #include "forge/answer.h"
@@ -15,31 +13,6 @@
 #include "support/tshark.h"
 
 using namespace forge_test;
-
-namespace {
-
-struct Dissected {
-	std::string ip_check, tcp_check, flags, seq, ack, code, location, window;
-};
-
-std::vector<Dissected> tshark(const std::string &pcap)
-{
-	const std::string options = std::string(kTsharkCheckChecksums) + " -o tcp.relative_sequence_numbers:FALSE";
-	TsharkRows rows;
-	std::vector<Dissected> out;
-	if (!tshark_fields(pcap, options, "",
-			   { "ip.checksum.status", "tcp.checksum.status", "tcp.flags", "tcp.seq", "tcp.ack",
-			     "http.response.code", "http.location", "tcp.window_size_value" },
-			   &rows)) {
-		ADD_FAILURE() << "tshark failed on " << pcap;
-		return out;
-	}
-	for (const auto &f : rows)
-		out.push_back({ f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7] });
-	return out;
-}
-
-} // namespace
 
 TEST_F(Forge, TsharkValidatesForgedSegments)
 {
@@ -68,18 +41,18 @@ TEST_F(Forge, TsharkValidatesForgedSegments)
 	std::vector<Bytes> frames;
 	for (const auto &tx : r.sent())
 		frames.push_back(tx.frame);
-	char dir[] = "/tmp/dnshook-forge-XXXXXX";
-	ASSERT_NE(nullptr, mkdtemp(dir));
-	std::string pcap = std::string(dir) + "/forged.pcap";
+	std::string pcap = testing::TempDir() + "forged.pcap";
 	ASSERT_TRUE(sim::pcap_write(pcap, frames, sim::PCAP_ETHERNET));
-	std::vector<Dissected> d = tshark(pcap);
-	unlink(pcap.c_str());
-	rmdir(dir);
+	TsharkRows rows;
+	ASSERT_TRUE(tshark_fields(pcap, std::string(kTsharkCheckChecksums) + " -o tcp.relative_sequence_numbers:FALSE", "",
+				  { "ip.checksum.status", "tcp.checksum.status", "tcp.flags", "tcp.seq", "tcp.ack",
+				    "http.response.code", "http.location", "tcp.window_size_value" },
+				  &rows));
 
 	const std::string seq = std::to_string(t.ack), ack = std::to_string(t.seq + 400);
 	const std::string sseq = std::to_string(s.ack);
 	// ip.checksum.status / tcp.checksum.status: 1 is "Good".
-	std::vector<Dissected> want = {
+	EXPECT_EQ((TsharkRows{
 		{ "1", "1", "0x0010", seq, ack, "", "", "502" },
 		{ "1", "1", "0x0018", seq, ack, "302", url, "65407" },
 		{ "1", "1", "0x0011", seq, std::to_string(t.seq), "", "", "502" },
@@ -87,17 +60,6 @@ TEST_F(Forge, TsharkValidatesForgedSegments)
 		{ "", "1", "0x0010", seq, ack, "", "", "502" },
 		{ "", "1", "0x0018", seq, ack, "302", url, "65407" },
 		{ "", "1", "0x0010", sseq, std::to_string(s.seq + 100), "", "", "502" },
-	};
-	ASSERT_EQ(want.size(), d.size()) << "tshark read a different number of packets";
-	for (size_t i = 0; i < want.size(); i++) {
-		SCOPED_TRACE(testing::Message() << "packet " << i + 1);
-		EXPECT_EQ(want[i].ip_check, d[i].ip_check);
-		EXPECT_EQ(want[i].tcp_check, d[i].tcp_check);
-		EXPECT_EQ(want[i].flags, d[i].flags);
-		EXPECT_EQ(want[i].seq, d[i].seq);
-		EXPECT_EQ(want[i].ack, d[i].ack);
-		EXPECT_EQ(want[i].code, d[i].code);
-		EXPECT_EQ(want[i].location, d[i].location);
-		EXPECT_EQ(want[i].window, d[i].window);
-	}
+	}),
+		  rows);
 }

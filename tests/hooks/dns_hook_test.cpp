@@ -63,40 +63,22 @@ TEST_F(DnsHook, CapturedLookupsSeedTheTablesOfTheSlotsFamily)
 	// www A and AAAA over IPv4, then alias (a CNAME chain to www) A over IPv6.
 	feed({ 1, 2, 3, 4, 27, 28 });
 
+	// The A record that came over IPv6 is filed in the IPv4 table; an IPv6
+	// query records no client: its records carry 0.0.0.0 or ::.
 	auto pct = pct_records();
 	auto pct6 = pct6_records();
-	ASSERT_EQ(2u, pct.size());
-	EXPECT_EQ("10.53.1.10", pct[0].addr);
-	EXPECT_EQ("www.example.test", pct[0].host);
-	EXPECT_EQ(0, pct[0].state);
-	EXPECT_EQ(0, pct[0].keep);
-	// The A record that came over IPv6 is filed in the IPv4 table.
-	EXPECT_EQ("10.53.1.10", pct[1].addr);
-	EXPECT_EQ("alias.example.test", pct[1].host);
-	ASSERT_EQ(1u, pct6.size());
-	EXPECT_EQ("fd00:53:1::10", pct6[0].addr);
-
-	auto ssl = ssl_records();
-	ASSERT_EQ(2u, ssl.size());
-	EXPECT_EQ("10.53.0.2", ssl[0].client);
-	EXPECT_EQ("10.53.1.10", ssl[0].server);
-	EXPECT_EQ(2, ssl[0].state);
-	EXPECT_EQ(0, ssl[0].trust);
-	// An IPv6 query records no client: its IPv4 records carry 0.0.0.0.
-	EXPECT_EQ("0.0.0.0", ssl[1].client);
-	EXPECT_EQ("alias.example.test", ssl[1].host);
-	auto ssl6 = ssl6_records();
-	ASSERT_EQ(1u, ssl6.size());
-	EXPECT_EQ("::", ssl6[0].client);
-	EXPECT_EQ("fd00:53:1::10", ssl6[0].server);
-
+	EXPECT_EQ((std::vector<PctView>{ { "10.53.1.10", "www.example.test", 0, 0 },
+					 { "10.53.1.10", "alias.example.test", 0, 0 } }),
+		  pct);
+	EXPECT_EQ((std::vector<PctView>{ { "fd00:53:1::10", "www.example.test", 0, 0 } }), pct6);
+	EXPECT_EQ((std::vector<SslView>{ { "10.53.0.2", "10.53.1.10", "www.example.test", 2, 0 },
+					 { "0.0.0.0", "10.53.1.10", "alias.example.test", 2, 0 } }),
+		  ssl_records());
+	EXPECT_EQ((std::vector<SslView>{ { "::", "fd00:53:1::10", "www.example.test", 2, 0 } }), ssl6_records());
 	// The AAAA query of the same client refreshed its entry.
-	auto dns = dns_records();
-	ASSERT_EQ(2u, dns.size());
-	EXPECT_EQ("www.example.test", dns[0].name);
-	EXPECT_EQ("10.53.0.2", dns[0].client);
-	EXPECT_EQ(1, dns[0].state);
-	EXPECT_EQ("0.0.0.0", dns[1].client);
+	EXPECT_EQ((std::vector<DnsView>{ { "www.example.test", "10.53.0.2", 1, 1 },
+					 { "alias.example.test", "0.0.0.0", 1, 1 } }),
+		  dns_records());
 	EXPECT_EQ(Lines{}, dns_lines());
 
 	if (!have_tshark())
@@ -141,18 +123,12 @@ TEST_F(DnsHook, AnswersWithoutUsableQueryChangeNothing)
 	EXPECT_TRUE(dns_records().empty());
 	EXPECT_TRUE(pct_records().empty());
 	feed({ 19, 20 }); // NXDOMAIN: the query is kept, the answer rejected
-	auto dns = dns_records();
-	ASSERT_EQ(1u, dns.size());
-	EXPECT_EQ("nothere.example.test", dns[0].name);
-	EXPECT_EQ(0, dns[0].state);
+	const DnsView nothere = { "nothere.example.test", "10.53.0.2", 0, 0 };
+	EXPECT_EQ(std::vector<DnsView>{ nothere }, dns_records());
 	// CH TXT version.bind: the query files an entry with an empty name;
 	// its answer (also class CH) matches the first entry of bucket 0.
 	feed({ 23, 24 });
-	dns = dns_records();
-	ASSERT_EQ(2u, dns.size());
-	EXPECT_EQ("", dns[1].name);
-	EXPECT_EQ(1, dns[1].state);
-	EXPECT_EQ(0, dns[1].addrs);
+	EXPECT_EQ((std::vector<DnsView>{ nothere, { "", "10.53.0.2", 1, 0 } }), dns_records());
 	EXPECT_TRUE(pct_records().empty());
 	EXPECT_TRUE(ssl_records().empty());
 	EXPECT_EQ(Lines{}, dns_lines());
@@ -170,12 +146,9 @@ TEST_F(DnsHook, TheNewestQueryTakesTheAnswer)
 	up(udp(kClient2, kResolver, 40002, 53, q), kClient2Mac);
 	ASSERT_EQ(2u, dns_records().size());
 	down(udp(kResolver, kClient, 53, 40001, dns_response(7, "shop.example.test", { kServer })));
-	auto dns = dns_records();
-	EXPECT_EQ(0, dns[0].addrs);
-	EXPECT_EQ(1, dns[1].addrs);
-	auto ssl = ssl_records();
-	ASSERT_EQ(1u, ssl.size());
-	EXPECT_EQ(kClient2, ssl[0].client);
+	EXPECT_EQ((std::vector<DnsView>{ { "shop.example.test", kClient, 0, 0 }, { "shop.example.test", kClient2, 1, 1 } }),
+		  dns_records());
+	EXPECT_EQ((std::vector<SslView>{ { kClient2, kServer, "shop.example.test", 2, 0 } }), ssl_records());
 	EXPECT_TRUE(dropped(up(tcp(kClient2, kServer, 40000, 443), kClient2Mac)));
 	EXPECT_EQ(1u, requests().size());
 	// The first client's flow matches no record: only the lists apply.
@@ -199,13 +172,9 @@ TEST_F(DnsHook, UpdateHostRecordsAreNeverDuplicatedAndSurviveSweeps)
 	down(udp(kResolver, kClient, 53, 40001, dns_response(1, host, { "198.51.100.7" })));
 	// Slot 0 changes, slot 1 holds an address already in the table.
 	down(udp(kResolver, kClient, 53, 40001, dns_response(1, host, { "198.51.100.8", "198.51.100.7" })));
-	auto pct = pct_records();
-	ASSERT_EQ(2u, pct.size());
 	// The refresh moved the found record behind the new one.
-	EXPECT_EQ("198.51.100.8", pct[0].addr);
-	EXPECT_EQ("198.51.100.7", pct[1].addr);
-	EXPECT_EQ(1, pct[0].keep);
-	EXPECT_EQ(1, pct[1].keep);
+	const std::vector<PctView> kept = { { "198.51.100.8", host, 0, 1 }, { "198.51.100.7", host, 0, 1 } };
+	EXPECT_EQ(kept, pct_records());
 
 	up(udp(kClient, kResolver, 40001, 53, dns_query(2, "other.example.test")));
 	down(udp(kResolver, kClient, 53, 40001, dns_response(2, "other.example.test", { kServer })));
@@ -215,11 +184,9 @@ TEST_F(DnsHook, UpdateHostRecordsAreNeverDuplicatedAndSurviveSweeps)
 	r.advance(600001);
 	up(udp(kClient, kResolver, 40001, 53, dns_query(3, "late.example.test")));
 	down(udp(kResolver, kClient, 53, 40001, dns_response(3, "late.example.test", { "203.0.113.5" })));
-	pct = pct_records();
-	ASSERT_EQ(3u, pct.size());
-	EXPECT_EQ(host, pct[0].host);
-	EXPECT_EQ(host, pct[1].host);
-	EXPECT_EQ("late.example.test", pct[2].host);
+	std::vector<PctView> after = kept;
+	after.push_back({ "203.0.113.5", "late.example.test", 0, 0 });
+	EXPECT_EQ(after, pct_records());
 
 	// Another name can be given to the filter before it loads.
 	set_fw_update_host("Updates.Router.Test");
@@ -275,39 +242,4 @@ TEST_F(DnsHook, CollisionsAndMalformedDatagrams)
 	EXPECT_TRUE(up(udp("ff02::1", "fd00::1", 40001, 53, dns_query(5, "m.example.test"))).accepted());
 	EXPECT_EQ("<7>[dns6_hook]: dns6_hook: IPv6 address is not unicast.\n\n", kmodel_log().at(0));
 	EXPECT_EQ(2u, dns_records().size());
-}
-
-TEST_F(DnsHook, PendingFlushWithdrawsTrustInOneFamily)
-{
-	services(false, true);
-	feed({ 1, 2 });
-	feed({ 25, 26 });
-	auto *rec = container_of(ssl_table->pool.age_list.next, ssl_tracking, node.age_link);
-	auto *rec6 = container_of(ssl6_table->pool.age_list.next, ssl6_tracking, node.age_link);
-	ssl_update_trust(rec, 1);
-	ssl6_update_trust(rec6, 1);
-	ASSERT_EQ(1, ssl_records()[0].trust);
-	ASSERT_EQ(1, ssl6_records()[0].trust);
-
-	ASSERT_GT(r.write_proc("unblock_proc", "=|flush_ssl"), 0);
-	kmodel_log_clear();
-	// Any IPv6 packet, DNS or not, reaches dns6_hook first.
-	up(tcp("fd00:53::2", "fd00:53:1::10", 40000, 443));
-	EXPECT_EQ("<7>[dns6_hook]: flush all ssl tracking\n", kmodel_log().at(0));
-	EXPECT_EQ("<7>[ssl6_delete_all]: clear ssl tracking[" +
-			  std::to_string(rec6->server[12] & 127) + "], host=www.example.test\n",
-		  kmodel_log().at(1));
-	EXPECT_EQ(0, get_flush_supending());
-	EXPECT_EQ(0, ssl6_records()[0].trust);
-	EXPECT_EQ(1, ssl_records()[0].trust);
-
-	// With both services off nothing is parsed and the flush waits.
-	services(false, false);
-	ASSERT_GT(r.write_proc("unblock_proc", "=|flush_ssl"), 0);
-	kmodel_log_clear();
-	up(udp(kClient, kResolver, 40001, 53, dns_query(9, "off.example.test")));
-	EXPECT_EQ(1, get_flush_supending());
-	EXPECT_EQ(2u, dns_records().size());
-	EXPECT_EQ(1, ssl_records()[0].trust);
-	EXPECT_TRUE(kmodel_log().empty());
 }

@@ -78,31 +78,46 @@ struct Conn {
 	uint16_t cport = 40000, sport = 80;
 	uint32_t cseq = 0xfffffff0, sseq = 0x10000000; // the client's wraps
 
-	Bytes packet(bool from_client, uint8_t flags, const std::string &payload)
-	{
-		sim::Tcp t;
-		uint32_t &seq = from_client ? cseq : sseq;
-		t.sport = from_client ? cport : sport;
-		t.dport = from_client ? sport : cport;
-		t.seq = seq;
-		t.ack = (flags & sim::ACK) ? (from_client ? sseq : cseq) : 0;
-		t.flags = flags;
-		t.payload.assign(payload.begin(), payload.end());
-		seq += payload.size() + ((flags & (sim::SYN | sim::FIN)) ? 1 : 0);
-		if (v6) {
-			sim::Ip6 ip;
-			ip.src = from_client ? client6 : server6;
-			ip.dst = from_client ? server6 : client6;
-			return sim::ip6_tcp(ip, t);
-		}
-		sim::Ip4 ip;
-		ip.src = from_client ? client : server;
-		ip.dst = from_client ? server : client;
-		return sim::ip4_tcp(ip, t);
-	}
+	Bytes packet(bool from_client, uint8_t flags, const std::string &payload);
 	Bytes up(uint8_t flags, const std::string &payload = "") { return packet(true, flags, payload); }
 	Bytes down(uint8_t flags, const std::string &payload = "") { return packet(false, flags, payload); }
 };
+
+// A segment of the connection. Forged ones, built independently of the
+// filter, carry TTL 255, identification 0 and DF over IPv4, except that
+// the block page goes without DF.
+inline Bytes segment(const Conn &c, bool from_client, uint8_t flags, uint32_t seq, uint32_t ack,
+		     const std::string &payload, uint16_t window = 29200, bool forged = false)
+{
+	sim::Tcp t;
+	t.sport = from_client ? c.cport : c.sport;
+	t.dport = from_client ? c.sport : c.cport;
+	t.seq = seq;
+	t.ack = ack;
+	t.flags = flags;
+	t.window = window;
+	t.payload.assign(payload.begin(), payload.end());
+	if (c.v6) {
+		sim::Ip6 ip;
+		ip.src = from_client ? c.client6 : c.server6;
+		ip.dst = from_client ? c.server6 : c.client6;
+		return sim::ip6_tcp(ip, t);
+	}
+	sim::Ip4 ip;
+	ip.src = from_client ? c.client : c.server;
+	ip.dst = from_client ? c.server : c.client;
+	if (forged)
+		ip.ttl = 255, ip.id = 0, ip.frag = payload.empty() ? 0x4000 : 0;
+	return sim::ip4_tcp(ip, t);
+}
+
+inline Bytes Conn::packet(bool from_client, uint8_t flags, const std::string &payload)
+{
+	uint32_t &seq = from_client ? cseq : sseq;
+	Bytes p = segment(*this, from_client, flags, seq, (flags & sim::ACK) ? (from_client ? sseq : cseq) : 0, payload);
+	seq += payload.size() + ((flags & (sim::SYN | sim::FIN)) ? 1 : 0);
+	return p;
+}
 
 inline Conn conn(uint16_t cport, bool v6 = false)
 {
@@ -117,32 +132,9 @@ inline std::string get_request(const std::string &host, const std::string &path 
 	return "GET " + path + " HTTP/1.1\r\nHost: " + host + "\r\nUser-Agent: test\r\n\r\n";
 }
 
-// A segment the filter forges, built independently: TTL 255, identification
-// 0 and DF over IPv4, except that the block page goes without DF.
-inline Bytes expected_bare(const Conn &c, bool to_client, uint8_t flags, uint32_t seq, uint32_t ack,
-			   uint16_t window = 29200, const std::string &payload = "")
+inline Bytes expected_bare(const Conn &c, bool to_client, uint8_t flags, uint32_t seq, uint32_t ack)
 {
-	sim::Tcp t;
-	t.sport = to_client ? c.sport : c.cport;
-	t.dport = to_client ? c.cport : c.sport;
-	t.seq = seq;
-	t.ack = ack;
-	t.flags = flags;
-	t.window = window;
-	t.payload.assign(payload.begin(), payload.end());
-	if (c.v6) {
-		sim::Ip6 ip;
-		ip.src = to_client ? c.server6 : c.client6;
-		ip.dst = to_client ? c.client6 : c.server6;
-		return sim::ip6_tcp(ip, t);
-	}
-	sim::Ip4 ip;
-	ip.src = to_client ? c.server : c.client;
-	ip.dst = to_client ? c.client : c.server;
-	ip.ttl = 255;
-	ip.id = 0;
-	ip.frag = payload.empty() ? 0x4000 : 0;
-	return sim::ip4_tcp(ip, t);
+	return segment(c, !to_client, flags, seq, ack, "", 29200, true);
 }
 
 // The redirect for a request segment: server to client, sequence = the
@@ -150,9 +142,10 @@ inline Bytes expected_bare(const Conn &c, bool to_client, uint8_t flags, uint32_
 // PSH+ACK, window bytes 0xFF 0x7F.
 inline Bytes expected_redirect(const Conn &before, const std::string &request, const char *url)
 {
-	return expected_bare(before, true, sim::PSH | sim::ACK, before.sseq, before.cseq + request.size(), 0xff7f,
-			     std::string("HTTP/1.1 302 Found\r\nLocation: ") + url +
-				     "\r\nContent-Length: 0\r\nContent-Type: text/html\r\n\r\n");
+	return segment(before, false, sim::PSH | sim::ACK, before.sseq, before.cseq + request.size(),
+		       std::string("HTTP/1.1 302 Found\r\nLocation: ") + url +
+			       "\r\nContent-Length: 0\r\nContent-Type: text/html\r\n\r\n",
+		       0xff7f, true);
 }
 
 // ---- DNS messages ----
@@ -266,16 +259,24 @@ inline std::string hex(const rating_request &r) { return sim::hex(bytes(r)); }
 struct PctView {
 	std::string addr, host; // dotted or IPv6 text
 	int state, keep;
+	bool operator==(const PctView &) const = default;
 };
 struct SslView {
 	std::string client, server, host;
 	int state, trust;
+	bool operator==(const SslView &) const = default;
 };
 struct DnsView {
 	std::string name, client;
-	int state;
-	int addrs; // slots with a family
+	int state, addrs; // addrs: slots with a family
+	bool operator==(const DnsView &) const = default;
 };
+inline void PrintTo(const PctView &v, std::ostream *os) { *os << v.addr << " " << v.host << " " << v.state << " " << v.keep; }
+inline void PrintTo(const SslView &v, std::ostream *os)
+{
+	*os << v.client << " " << v.server << " " << v.host << " " << v.state << " " << v.trust;
+}
+inline void PrintTo(const DnsView &v, std::ostream *os) { *os << v.name << " " << v.client << " " << v.state << " " << v.addrs; }
 
 inline std::string text(const void *a, bool v6 = false)
 {

@@ -179,9 +179,10 @@ TEST_F(HttpsHook, Ipv6RequestsCarryThePacketsAddresses)
 }
 
 // dig's lookups (captured from dnsmasq) over both families, then flows to
-// the addresses they gave: rated, trusted, then "=|flush_ssl" withdraws
-// the trust of the family of the next packet only.
-TEST_F(HttpsHook, CapturedLookupsTrustedThenFlushedInOneFamily)
+// the addresses they gave, rated and trusted. "=|flush_ssl" withdraws the
+// trust of the family of the next packet only; with both services off
+// nothing is parsed and the flush waits.
+TEST_F(HttpsHook, CapturedLookupsTrustedThenFlushedOneFamilyAtATime)
 {
 	feed({ 1, 2, 25, 26 }); // www A over IPv4, www AAAA over IPv6
 	sim::Mac dig_mac;       // the client's own MAC, as dig's frames carry it
@@ -203,7 +204,30 @@ TEST_F(HttpsHook, CapturedLookupsTrustedThenFlushedInOneFamily)
 	EXPECT_TRUE(dropped(up(v4, dig_mac)));
 	EXPECT_EQ("<7>[dns_hook]: flush all ssl tracking\n", kmodel_log().at(0));
 	EXPECT_EQ(0, get_flush_supending());
-	EXPECT_EQ(1u, requests().size());
+	reply(requests().at(0), PASS);
 	EXPECT_TRUE(up(v6, dig_mac).accepted());
 	EXPECT_TRUE(requests().empty());
+
+	// Any IPv6 packet, DNS or not, reaches dns6_hook first.
+	ASSERT_GT(r.write_proc("unblock_proc", "=|flush_ssl"), 0);
+	kmodel_log_clear();
+	EXPECT_TRUE(dropped(up(v6, dig_mac)));
+	ASSERT_GE(kmodel_log().size(), 2u);
+	EXPECT_EQ((Lines{ "<7>[dns6_hook]: flush all ssl tracking\n",
+			  "<7>[ssl6_delete_all]: clear ssl tracking[" + std::to_string(sim::ip6("fd00:53:1::10")[12] & 127) +
+				  "], host=www.example.test\n" }),
+		  Lines(kmodel_log().begin(), kmodel_log().begin() + 2));
+	EXPECT_EQ(0, get_flush_supending());
+	EXPECT_EQ(0, ssl6_records()[0].trust);
+	EXPECT_EQ(1, ssl_records()[0].trust);
+	EXPECT_TRUE(up(v4, dig_mac).accepted());
+
+	services(false, false);
+	ASSERT_GT(r.write_proc("unblock_proc", "=|flush_ssl"), 0);
+	kmodel_log_clear();
+	up(udp(kClient, kResolver, 40001, 53, dns_query(9, "off.example.test")));
+	EXPECT_EQ(1, get_flush_supending());
+	EXPECT_EQ(2u, dns_records().size());
+	EXPECT_EQ(1, ssl_records()[0].trust);
+	EXPECT_TRUE(kmodel_log().empty());
 }
