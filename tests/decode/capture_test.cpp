@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "capture.h"
+#include "sim/pcap.h"
 #include "support/tshark.h"
 
 #include "decode/dns.h"
@@ -36,6 +36,44 @@ std::string ascii_lower(std::string s)
 {
 	std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
 	return s;
+}
+
+struct Segment {
+	int frame; // 1-based, as tshark numbers frames
+	uint16_t sport, dport;
+	std::vector<uint8_t> payload; // trimmed to the IP and UDP lengths
+};
+
+// The UDP and TCP payloads of a pcap file of Ethernet frames (what tcpdump
+// writes on a veth; no IPv6 extension headers). Empty when unreadable.
+std::vector<Segment> read_capture(const std::string &path)
+{
+	std::vector<Segment> out;
+	std::vector<sim::Bytes> frames;
+	sim::PcapLink link;
+	auto be16 = [](const uint8_t *p) { return uint16_t(p[0] << 8 | p[1]); };
+	if (!sim::pcap_read(path, &frames, &link) || link != sim::PCAP_ETHERNET)
+		return out;
+	for (size_t i = 0; i < frames.size(); i++) {
+		if (frames[i].size() < 14 + 40)
+			continue;
+		const uint8_t *f = frames[i].data() + 14;
+		bool v4 = be16(f - 2) == 0x0800 && (f[0] >> 4) == 4;
+		if (!v4 && be16(f - 2) != 0x86dd)
+			continue;
+		size_t l3len = v4 ? be16(f + 2) : 40u + be16(f + 4), l4off = v4 ? (f[0] & 0x0f) * 4u : 40;
+		if (l3len > frames[i].size() - 14 || l4off + 20 > l3len)
+			continue;
+		const uint8_t *l4 = f + l4off;
+		size_t l4len = l3len - l4off, begin = (l4[12] >> 4) * 4u, end = l4len;
+		if ((v4 ? f[9] : f[6]) == 17)
+			begin = 8, end = be16(l4 + 4) >= 8 ? be16(l4 + 4) : l4len + 1;
+		else if ((v4 ? f[9] : f[6]) != 6)
+			continue;
+		if (begin <= end && end <= l4len)
+			out.push_back({ int(i) + 1, be16(l4), be16(l4 + 2), std::vector<uint8_t>(l4 + begin, l4 + end) });
+	}
+	return out;
 }
 
 std::string addr_text(const dns_addr &a)
@@ -123,7 +161,7 @@ TEST(DecoderCaptures, HttpRequestsMatchTshark)
 	ASSERT_EQ(rows.size(), 12u);
 
 	// The forward hooks decode the first data segment of each connection.
-	std::map<int, const CapturedSegment *> first;
+	std::map<int, const Segment *> first;
 	for (const auto &seg : segs) {
 		if ((seg.dport == 80 || seg.dport == 8080) && !seg.payload.empty() && !first.count(seg.sport))
 			first[seg.sport] = &seg;
@@ -132,7 +170,7 @@ TEST(DecoderCaptures, HttpRequestsMatchTshark)
 
 	for (const auto &r : rows) {
 		SCOPED_TRACE("client port " + r[0] + " " + r[1]);
-		const CapturedSegment *seg = first[std::stoi(r[0])];
+		const Segment *seg = first[std::stoi(r[0])];
 		ASSERT_NE(seg, nullptr);
 		// Pipelined requests: the last request line and Host line win.
 		auto urls = split(r[1]), hosts = split(r[2]);

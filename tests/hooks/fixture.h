@@ -244,12 +244,9 @@ inline Expected http_request(const Conn &c, uint32_t service, const std::string 
 			     const sim::Mac *mac)
 {
 	auto b4 = [](const uint32_t &a) { return Bytes((const uint8_t *)&a, (const uint8_t *)&a + 4); };
-	return { service,	uint16_t(c.v6 ? 10 : 2),
-		 c.v6 ? Bytes(c.client6.begin(), c.client6.end()) : b4(c.client),
-		 c.v6 ? Bytes(c.server6.begin(), c.server6.end()) : b4(c.server),
-		 url,		host,
-		 mac ? *mac : sim::Mac{}, c.cport,
-		 c.sport };
+	Bytes src = c.v6 ? Bytes(c.client6.begin(), c.client6.end()) : b4(c.client);
+	Bytes dst = c.v6 ? Bytes(c.server6.begin(), c.server6.end()) : b4(c.server);
+	return { service, uint16_t(c.v6 ? 10 : 2), src, dst, url, host, mac ? *mac : sim::Mac{}, c.cport, c.sport };
 }
 
 inline Bytes bytes(const rating_request &r) { return Bytes((const uint8_t *)&r, (const uint8_t *)&r + sizeof(r)); }

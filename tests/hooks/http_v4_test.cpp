@@ -248,8 +248,8 @@ TEST_F(HookTest, HttpExemptedAndTimeBlockedDevicesWithParentalControl)
 	EXPECT_TRUE(requests().empty());
 }
 
-// Replies that find nothing, come late or come twice: nothing is sent or
-// freed twice.
+// Replies that find nothing, come late, come twice, carry an unknown
+// verdict or nothing at all: nothing is sent or freed twice.
 TEST_F(HookTest, HttpLateDuplicateAndUnknownReplies)
 {
 	services(true, false);
@@ -263,6 +263,11 @@ TEST_F(HookTest, HttpLateDuplicateAndUnknownReplies)
 	stranger.src_port = htons(1);
 	reply(stranger, PASS);
 	EXPECT_EQ(Lines{ "<7>[receive_from_user]: no tcp tracking found\n" }, kmodel_log());
+	// An unknown verdict still writes the block-page address, cut to fit.
+	reply(reqs[0], 7, std::string(600, 'u').c_str());
+	EXPECT_EQ(std::string(511, 'u'), record(c)->redirect_url);
+	EXPECT_EQ(STATE_RATING, record(c)->state);
+	EXPECT_NE(nullptr, record(c)->held_skb) << "an unknown verdict keeps the copy";
 
 	for (uint32_t v : { PASS, PASS, BLOCK })
 		reply(reqs[0], v);
@@ -278,8 +283,10 @@ TEST_F(HookTest, HttpLateDuplicateAndUnknownReplies)
 	bad.kind = 1;
 	bad.service = 4;
 	send(bad);
+	EXPECT_EQ(16, peer.send(0, nullptr, 0)) << "a bare netlink header reads as all zeros";
 	EXPECT_EQ((Lines{ "<3>[receive_from_user]: unexpected packet type incoming to hook, 0, 3\n",
-			  "<3>[receive_from_user]: unexpected packet type incoming to hook, 1, 4\n" }),
+			  "<3>[receive_from_user]: unexpected packet type incoming to hook, 1, 4\n",
+			  "<3>[receive_from_user]: unexpected packet type incoming to hook, 0, 0\n" }),
 		  kmodel_log());
 }
 
