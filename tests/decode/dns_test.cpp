@@ -37,6 +37,12 @@ struct Msg {
 };
 
 const unsigned kQuery = 0x0100, kResponse = 0x8180;
+
+Msg msg(unsigned flags, unsigned qd, unsigned an)
+{
+	Msg m;
+	return m.header(flags, qd, an);
+}
 const std::vector<uint8_t> kV4 = { 10, 53, 1, 10 };
 const std::vector<uint8_t> kV6 = { 0xfd, 0, 0, 0x53, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x10 };
 const dns_addr kEmpty = {};
@@ -79,8 +85,7 @@ TEST(DnsDecoder, HeaderChecks)
 		{ kResponse | 0x0800, 1, 1, -1, "response OPCODE 1" },
 	};
 	for (const auto &c : cases) {
-		Msg m;
-		m.header(c.flags, c.qd, c.an).question("a.test");
+		Msg m = msg(c.flags, c.qd, c.an).question("a.test");
 		for (unsigned i = 0; i < 30; i++)
 			m.rr(1, 1, kV4);
 		dns_info info;
@@ -94,8 +99,7 @@ TEST(DnsDecoder, HeaderChecks)
 	u32 kind;
 	EXPECT_EQ(decode_dns(nullptr, 40, &info), -1);
 	EXPECT_EQ(is_valid_dns(nullptr, 40, &kind), 0u);
-	Msg h;  // a 12-byte header with QDCOUNT 1 and nothing after it
-	h.header(kQuery, 1, 0);
+	Msg h = msg(kQuery, 1, 0);  // a 12-byte header with QDCOUNT 1 and nothing after it
 	EXPECT_EQ(is_valid_dns(h.b.data(), 11, &kind), 0u);
 	EXPECT_EQ(decode(h, &info), -1);
 	EXPECT_EQ(decode(h.u8(0), &info), -1);  // the root name
@@ -104,8 +108,7 @@ TEST(DnsDecoder, HeaderChecks)
 TEST(DnsDecoder, QuestionName)
 {
 	dns_info info;
-	Msg q;
-	q.header(kQuery, 1, 7).question("WwW.ExAmPlE.TeSt");
+	Msg q = msg(kQuery, 1, 7).question("WwW.ExAmPlE.TeSt");
 	memset(&info, 0, sizeof(info));
 	info.count = 0xee;
 	ASSERT_EQ(decode_dns(q.b.data(), q.size(), &info), 0);
@@ -122,48 +125,39 @@ TEST(DnsDecoder, QuestionName)
 			want += (char)(upper ? c + 0x20 : c);
 		}
 	}
-	Msg l;
-	l.header(kQuery, 1, 0).u8(126).raw(label.substr(0, 126)).u8(127).raw(label.substr(126)).u8(0).u16(1).u16(1);
+	Msg l = msg(kQuery, 1, 0).u8(126).raw(label.substr(0, 126)).u8(127).raw(label.substr(126)).u8(0).u16(1).u16(1);
 	ASSERT_EQ(decode(l, &info), 0);
 	EXPECT_EQ(std::string(info.name), want.substr(0, 126) + "." + want.substr(126));
 
-	Msg ch;  // class CH: accepted, nothing taken
-	ch.header(kResponse, 1, 1).question("version.bind", 16, 3).rr(16, 3, { 4, 't', 'e', 's', 't' });
+	Msg ch = msg(kResponse, 1, 1).question("version.bind", 16, 3).rr(16, 3, { 4, 't', 'e', 's', 't' });  // class CH: accepted, nothing taken
 	EXPECT_EQ(decode(ch, &info), 0);
 	EXPECT_STREQ(info.name, "");
 	EXPECT_EQ(info.count, 0);
 
 	std::string n254 = std::string(63, 'a') + "." + std::string(63, 'b') + "." + std::string(63, 'c') + "." + std::string(62, 'd');
-	Msg ok, bad;
-	ok.header(kQuery, 1, 0).question(n254);
-	bad.header(kQuery, 1, 0).question(n254 + "d");
+	Msg ok = msg(kQuery, 1, 0).question(n254), bad = msg(kQuery, 1, 0).question(n254 + "d");
 	ASSERT_EQ(decode(ok, &info), 0);
 	EXPECT_EQ(std::string(info.name), n254);
 	EXPECT_EQ(decode(bad, &info), -1) << "255 characters";
 
 	// Lengths 64..191 are plain labels.
-	Msg big;
-	big.header(kQuery, 1, 0).question(std::string(0x50, 'x') + "." + std::string(191 - 0x50 - 1, 'y'));
+	Msg big = msg(kQuery, 1, 0).question(std::string(0x50, 'x') + "." + std::string(191 - 0x50 - 1, 'y'));
 	ASSERT_EQ(decode(big, &info), 0);
 	EXPECT_EQ(strlen(info.name), 191u);
-	Msg top;
-	top.header(kQuery, 1, 0).question(std::string(191, 'z'));
+	Msg top = msg(kQuery, 1, 0).question(std::string(191, 'z'));
 	EXPECT_EQ(decode(top, &info), 0) << "label length 191";
 
-	Msg nul;  // text starting with a NUL byte counts as empty
-	nul.header(kQuery, 1, 0).u8(2).u8(0).u8('a').u8(0).u16(1).u16(1);
+	Msg nul = msg(kQuery, 1, 0).u8(2).u8(0).u8('a').u8(0).u16(1).u16(1);  // text starting with a NUL byte counts as empty
 	EXPECT_EQ(decode(nul, &info), -1);
 }
 
 TEST(DnsDecoder, CompressionPointers)
 {
-	Msg self;
-	self.header(kQuery, 1, 0).ptr(12).u16(1).u16(1);
+	Msg self = msg(kQuery, 1, 0).ptr(12).u16(1).u16(1);
 	EXPECT_EQ(name_at(self, 12), "!") << "pointer to itself";
 
 	auto chain = [](int n) {  // n pointers, each to the next, then a name
-		Msg m;
-		m.header(kQuery, 1, 0);
+		Msg m = msg(kQuery, 1, 0);
 		for (int i = 0; i < n; i++)
 			m.ptr(12 + 2 * (i + 1));
 		return m.name("end.test");
@@ -173,21 +167,17 @@ TEST(DnsDecoder, CompressionPointers)
 	EXPECT_EQ(end, 14u) << "the cursor resumes after the first pointer";
 	EXPECT_EQ(name_at(chain(256), 12), "!");
 
-	Msg m;  // labels, then a pointer
-	m.header(kQuery, 1, 0).question("example.test").u8(3).raw("WWW").ptr(12).u8(0xee);
+	Msg m = msg(kQuery, 1, 0).question("example.test").u8(3).raw("WWW").ptr(12).u8(0xee);  // labels, then a pointer
 	EXPECT_EQ(name_at(m, 30, &end), "www.example.test");
 	EXPECT_EQ(end, 36u);
 
-	Msg last;  // the byte after a pointer must exist
-	last.header(kQuery, 1, 0).question("x.test").ptr(12);
+	Msg last = msg(kQuery, 1, 0).question("x.test").ptr(12);  // the byte after a pointer must exist
 	EXPECT_EQ(name_at(last, last.size() - 2), "!");
 	last.u8(0);
 	EXPECT_EQ(name_at(last, last.size() - 3), "x.test");
-	Msg far;  // target at len
-	far.header(kQuery, 1, 0).ptr(15).u8(0);
+	Msg far = msg(kQuery, 1, 0).ptr(15).u8(0);  // target at len
 	EXPECT_EQ(name_at(far, 12), "!");
-	Msg edge;  // a label must end before the last byte
-	edge.header(kQuery, 1, 0).u8(3).raw("abc");
+	Msg edge = msg(kQuery, 1, 0).u8(3).raw("abc");  // a label must end before the last byte
 	EXPECT_EQ(name_at(edge, 12), "!");
 	edge.u8(0);
 	EXPECT_EQ(name_at(edge, 12), "abc");
@@ -196,8 +186,7 @@ TEST(DnsDecoder, CompressionPointers)
 TEST(DnsDecoder, AnswerSlots)
 {
 	dns_info info;
-	Msg m;  // CNAME, two A, one AAAA
-	m.header(kResponse, 1, 4).question("alias.test").rr(5, 1, { 3, 'w', 'w', 'w', 0xc0, 12 });
+	Msg m = msg(kResponse, 1, 4).question("alias.test").rr(5, 1, { 3, 'w', 'w', 'w', 0xc0, 12 });  // CNAME, two A, one AAAA
 	m.rr(1, 1, kV4).rr(1, 1, { 10, 53, 1, 11 }).rr(28, 1, kV6);
 	ASSERT_EQ(decode(m, &info), 0);
 	EXPECT_STREQ(info.name, "alias.test");
@@ -209,34 +198,29 @@ TEST(DnsDecoder, AnswerSlots)
 	EXPECT_EQ(memcmp(&info.addrs[2], &a2, 20), 0);
 	EXPECT_EQ(memcmp(&info.addrs[3], &kEmpty, 20), 0);
 
-	Msg skip;  // wrong sizes and other classes use no slot
-	skip.header(kResponse, 1, 5).question("s.test").rr(1, 1, kV6).rr(28, 1, kV4).rr(1, 3, kV4).rr(28, 255, kV6).rr(28, 1, kV6);
+	Msg skip = msg(kResponse, 1, 5).question("s.test").rr(1, 1, kV6).rr(28, 1, kV4).rr(1, 3, kV4).rr(28, 255, kV6).rr(28, 1, kV6);  // wrong sizes and other classes use no slot
 	ASSERT_EQ(decode(skip, &info), 0);
 	EXPECT_EQ(info.count, 5);
 	EXPECT_EQ(info.addrs[0].family, 10);
 	EXPECT_EQ(info.addrs[1].family, 0);
 
-	Msg many;  // 29 answers, 29 slots; the 30th stays empty
-	many.header(kResponse, 1, 29).question("many.test");
+	Msg many = msg(kResponse, 1, 29).question("many.test");  // 29 answers, 29 slots; the 30th stays empty
 	for (int i = 0; i < 29; i++)
 		many.rr(1, 1, { 10, 0, 0, (uint8_t)i });
 	ASSERT_EQ(decode(many, &info), 0);
 	EXPECT_EQ(info.addrs[28].addr[3], 28);
 	EXPECT_EQ(memcmp(&info.addrs[29], &kEmpty, 20), 0);
 
-	Msg past;  // RDLENGTH past the end: -1, earlier slots stay
-	past.header(kResponse, 1, 2).question("p.test").rr(1, 1, kV4).ptr(12).u16(1).u16(1).u16(0).u16(1).u16(4).u8(1);
+	Msg past = msg(kResponse, 1, 2).question("p.test").rr(1, 1, kV4).ptr(12).u16(1).u16(1).u16(0).u16(1).u16(4).u8(1);  // RDLENGTH past the end: -1, earlier slots stay
 	EXPECT_EQ(decode(past, &info), -1);
 	EXPECT_EQ(memcmp(&info.addrs[0], &a0, 20), 0);
-	Msg half;  // ANCOUNT 3, two records
-	half.header(kResponse, 1, 3).question("h.test").rr(1, 1, kV4).rr(28, 1, kV6);
+	Msg half = msg(kResponse, 1, 3).question("h.test").rr(1, 1, kV4).rr(28, 1, kV6);  // ANCOUNT 3, two records
 	EXPECT_EQ(decode(half, &info), -1);
 	EXPECT_EQ(info.addrs[1].family, 10);
 
 	// The question walk steps over a pointer as two bytes: this question
 	// name ends in a pointer into the second answer's RDATA (offset 48).
-	Msg qp;
-	qp.header(kResponse, 1, 2).u8(1).u8('q').ptr(48).u16(1).u16(1).rr(1, 1, kV4).rr(5, 1, { 4, 't', 'e', 's', 't', 0 });
+	Msg qp = msg(kResponse, 1, 2).u8(1).u8('q').ptr(48).u16(1).u16(1).rr(1, 1, kV4).rr(5, 1, { 4, 't', 'e', 's', 't', 0 });
 	EXPECT_EQ(decode(qp, &info), 0);
 	EXPECT_STREQ(info.name, "q.test");
 	EXPECT_EQ(memcmp(&info.addrs[0], &a0, 20), 0);
@@ -246,9 +230,8 @@ TEST(DnsDecoder, EveryShorterLengthFails)
 {
 	// With the whole message still in memory behind len, every shorter
 	// len fails: the decoder honours len alone.
-	Msg resp, query;
-	resp.header(kResponse, 1, 3).question("cut.example.test").rr(5, 1, { 1, 'x', 0xc0, 12 }).rr(1, 1, kV4).rr(28, 1, kV6);
-	query.header(kQuery, 1, 0).question("cut.example.test", 28);
+	Msg resp = msg(kResponse, 1, 3).question("cut.example.test").rr(5, 1, { 1, 'x', 0xc0, 12 }).rr(1, 1, kV4).rr(28, 1, kV6);
+	Msg query = msg(kQuery, 1, 0).question("cut.example.test", 28);
 	dns_info info;
 	for (const Msg *m : { &resp, &query }) {
 		ASSERT_EQ(decode(*m, &info), 0);
