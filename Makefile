@@ -23,7 +23,7 @@ fuzz-build: deps
 	@cmake --build $(FUZZ_BUILD) -j $(JOBS)
 
 demo: build
-	@$(BUILD)/tools/dnshook-demo
+	@scripts/demo.sh $(BUILD)
 
 test: build fuzz-build
 	@cd $(BUILD) && ctest --output-on-failure --timeout 300 -j $(JOBS)

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, if any is
-# missing. Quiet and quick when everything is there.
+# Installs the Debian packages the build, the tests and the demo need, if
+# any is missing. The lists are scripts/packages/*.txt, one package a line
+# ('#' starts a comment). Quiet and quick when everything is there.
 set -euo pipefail
+cd "$(dirname "$0")/packages"
 
-pkgs=(cmake ninja-build g++ make libgtest-dev libgmock-dev libbenchmark-dev
-      clang-14 libclang-rt-14-dev tshark)
+mapfile -t pkgs < <(sed -e 's/#.*//' -e 's/[[:space:]]//g' ./*.txt | grep -v '^$' | sort -u)
 
 missing=()
 for p in "${pkgs[@]}"; do
