@@ -12,6 +12,7 @@ struct list_head g_hooks[NFPROTO_NUMPROTO][NF_INET_NUMHOOKS];
 bool g_ready;
 long g_fail_nth;
 int g_fail_err;
+const nf_hook_ops *g_last_decider; // the hook whose verdict ended the last walk
 
 void ensure_ready(void)
 {
@@ -86,18 +87,23 @@ void kmodel_fail_nf_register_nth(long n, int err)
 	g_fail_err = err;
 }
 
+const nf_hook_ops *kmodel_nf_last_decider(void) { return g_last_decider; }
+
 unsigned int kmodel_nf_hook(int pf, unsigned int hooknum, struct sk_buff *skb,
 			    const struct net_device *in, const struct net_device *out)
 {
 	struct list_head *head = hook_list(pf, hooknum);
+	g_last_decider = NULL;
 	for (struct list_head *pos = head->next; pos != head;) {
 		struct nf_hook_ops *elem = list_entry(pos, struct nf_hook_ops, list);
 		pos = pos->next; // a hook may unregister itself
 		unsigned int verdict = elem->hook(hooknum, skb, in, out, NULL);
 		if (verdict == NF_STOP)
 			return NF_ACCEPT;
-		if (verdict != NF_ACCEPT)
+		if (verdict != NF_ACCEPT) {
+			g_last_decider = elem;
 			return verdict;
+		}
 	}
 	return NF_ACCEPT;
 }
@@ -108,4 +114,5 @@ void kmodel_netfilter_reset(void)
 	ensure_ready();
 	g_fail_nth = 0;
 	g_fail_err = 0;
+	g_last_decider = NULL;
 }

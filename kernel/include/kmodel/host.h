@@ -81,3 +81,6 @@ void kmodel_fail_nf_register_nth(long n, int err);
 // verdict other than NF_ACCEPT (NF_STOP ends the walk as an accept).
 unsigned int kmodel_nf_hook(int pf, unsigned int hooknum, struct sk_buff *skb,
 			    const struct net_device *in, const struct net_device *out);
+// The registration whose verdict ended the last walk; NULL when every
+// hook accepted.
+const nf_hook_ops *kmodel_nf_last_decider(void);

@@ -1,0 +1,93 @@
+// dnshook-replay: a capture through the filter on the simulated router,
+// packet by packet, with a rating policy. See --help.
+#include <chrono>
+#include <cstdio>
+#include <memory>
+
+#include "tools/replay/capture.h"
+#include "tools/replay/forged_pcap.h"
+#include "tools/replay/options.h"
+#include "tools/replay/replayer.h"
+#include "tools/replay/report.h"
+
+namespace {
+
+enum Exit { EXIT_OK = 0, EXIT_CAPTURE = 1, EXIT_USAGE = 2 };
+
+int usage_error(const std::string &message)
+{
+	fprintf(stderr, "dnshook-replay: %s\nTry 'dnshook-replay --help'.\n", message.c_str());
+	return EXIT_USAGE;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+	using namespace replay;
+	Options opts;
+	try {
+		opts = parse_options(std::vector<std::string>(argv + 1, argv + argc));
+	} catch (const UsageError &e) {
+		return usage_error(e.what());
+	}
+	if (opts.help) {
+		fputs(kUsage, stdout);
+		return EXIT_OK;
+	}
+
+	std::unique_ptr<policy::Policy> pol;
+	if (!opts.policy.empty()) {
+		std::vector<policy::Error> errors;
+		pol = policy::Policy::load_file(opts.policy, errors);
+		if (!pol) {
+			for (const policy::Error &e : errors)
+				fprintf(stderr, "dnshook-replay: %s\n", e.text().c_str());
+			if (errors.empty())
+				fprintf(stderr, "dnshook-replay: %s: cannot load the policy\n", opts.policy.c_str());
+			return EXIT_USAGE;
+		}
+	}
+
+	std::unique_ptr<CaptureReader> reader;
+	std::unique_ptr<ForgedPcap> forged;
+	try {
+		reader = std::make_unique<CaptureReader>(opts.capture);
+		if (!opts.out.empty())
+			forged = std::make_unique<ForgedPcap>(opts.out);
+	} catch (const CaptureError &e) {
+		fprintf(stderr, "dnshook-replay: %s\n", e.what());
+		return EXIT_CAPTURE;
+	}
+
+	Report report(stdout, opts.json, opts.quiet);
+	report.start(opts.capture, reader->link_name());
+	auto started = std::chrono::steady_clock::now();
+	int rc = EXIT_OK;
+	Summary sum;
+	try {
+		Replayer replayer(opts, pol.get(), report, forged.get());
+		CapturedPacket p;
+		try {
+			while (reader->next(&p))
+				replayer.packet(p);
+		} catch (const CaptureError &e) {
+			// What came before the fault has been replayed: sum it up.
+			fprintf(stderr, "dnshook-replay: %s\n", e.what());
+			rc = EXIT_CAPTURE;
+			sum.error = e.what();
+		}
+		std::string error = sum.error;
+		sum = replayer.finish();
+		sum.error = error;
+		if (forged)
+			forged->close();
+	} catch (const std::exception &e) {
+		fprintf(stderr, "dnshook-replay: %s\n", e.what());
+		return EXIT_CAPTURE;
+	}
+	sum.wall_seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+	report.summary(sum);
+	fflush(stdout);
+	return rc;
+}
