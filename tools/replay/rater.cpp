@@ -20,19 +20,6 @@ const char *verdict_name(policy::Verdict v)
 	return "?";
 }
 
-const char *reject_text(wire::Reject why)
-{
-	switch (why) {
-	case wire::Reject::wrong_size:
-		return "not 576 bytes";
-	case wire::Reject::not_a_request:
-		return "kind is not 0 (request)";
-	case wire::Reject::unknown_service:
-		return "unknown service";
-	}
-	return "?";
-}
-
 // The address as text; "" when the filter left it zero (a WP non-HTTP
 // request fills only the server's first four bytes and no family).
 std::string addr_text(const std::array<uint8_t, 16> &a, uint16_t family)
@@ -57,7 +44,7 @@ Rating rate(const policy::Policy *policy, const Bytes &payload, uint64_t id, std
 	std::optional<wire::Request> req = wire::parse_request(payload.data(), payload.size(), why);
 	if (!req) {
 		r.request.service = "?";
-		r.request.problem = reject_text(why);
+		r.request.problem = wire::reject_text(why);
 		return r;
 	}
 	r.request.service = req->service == 4 ? "PC" : "WP";
