@@ -40,8 +40,8 @@ CaptureReader::CaptureReader(const std::string &path) : path_(path)
 {
 	char err[PCAP_ERRBUF_SIZE] = "";
 	pcap_ = pcap_open_offline_with_tstamp_precision(path.c_str(), PCAP_TSTAMP_PRECISION_NANO, err);
-	if (!pcap_)
-		throw CaptureError(path + ": " + err);
+	if (!pcap_) // libpcap names the file itself when it cannot open it
+		throw CaptureError(std::string(err).rfind(path, 0) == 0 ? err : path + ": " + err);
 	link_ = pcap_datalink(pcap_);
 	const char *name = pcap_datalink_val_to_name(link_);
 	link_name_ = name ? name : "link type " + std::to_string(link_);

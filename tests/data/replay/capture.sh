@@ -4,7 +4,8 @@
 # replay demo. Real programs only: dig, curl and socat as the client;
 # dnsmasq, Python's http.server, openssl s_server and socat as the servers.
 # Run by hand as root (needs tcpdump, dnsmasq, dig, socat, openssl, ethtool);
-# the tests only read the committed capture.
+# the unit tests only read the committed capture, the end-to-end test makes
+# a fresh one. Usage: capture.sh [OUTPUT_DIR] (default: beside this script).
 #
 #   +--- ns rp-cli ----------+      +------ ns rp-rtr ------+      +--- ns rp-srv -----------------+
 #   | dig, curl, socat       |      | tcpdump on lan0       |      | dnsmasq   .53   2001:db8:77::53|
@@ -17,7 +18,7 @@
 # The addresses live only inside these three namespaces; nothing routes out.
 set -euo pipefail
 
-out=$(cd "$(dirname "$0")" && pwd)
+out=${1:-$(cd "$(dirname "$0")" && pwd)}
 work=$(mktemp -d)
 chmod 755 "$work"  # dnsmasq and the servers read it as other users
 pids=()
