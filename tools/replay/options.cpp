@@ -31,7 +31,7 @@ The filter:
                         write TEXT into the control file FILE (one of
                         wl_warning_page, pcg_proc, tblock_proc,
                         unblock_proc) SECONDS after the first packet, e.g.
-                        --at 12.5 'tblock_proc=+00:11:22:33:44:55'
+                        --at 12.5 'tblock_proc=add 00:11:22:33:44:55'
   --hz N                the kernel's tick rate for the capture's clock
                         (default 100)
 
