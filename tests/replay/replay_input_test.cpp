@@ -90,6 +90,11 @@ TEST(ReplayInput, BadCapturesOptionsAndPolicies)
 		 0,
 		 "",
 		 "cut by the snap length: 96 of 198 bytes, fed as captured"},
+		{"snap length inside the IP header",
+		 {make("snap30.pcap", snapped(whole, 30))},
+		 0,
+		 "",
+		 "IP header cut before its addresses: fed from the WAN to br0"},
 		{"bad --at time", {"--at", "soon", "pcg_proc=1", kStory}, 2, "--at: 'soon' is not a number of seconds", ""},
 		{"bad --at file", {"--at", "1", "hosts=1", kStory}, 2, "--at 1: unknown control file 'hosts'", ""},
 		{"bad --at command", {"--at", "1", "pcg_proc", kStory}, 2, "--at 1: 'pcg_proc' is not FILE=TEXT", ""},
@@ -127,7 +132,7 @@ TEST(ReplayInput, BadCapturesOptionsAndPolicies)
 	EXPECT_EQ("news.exa games.ex chat.example.test secure.example.test ", hosts);
 	EXPECT_EQ("ACCEPT", decisions(snap)[27]);
 	EXPECT_EQ("ACCEPT", decisions(snap)[87]);
-	for (const char *n : {"text.pcap", "wifi.pcap", "truncated.pcap", "huge.pcap", "snap.pcap", "bad.policy"})
+	for (const char *n : {"text.pcap", "wifi.pcap", "truncated.pcap", "huge.pcap", "snap.pcap", "snap30.pcap", "bad.policy"})
 		remove((dir + n).c_str());
 }
 

@@ -180,7 +180,7 @@ void Replayer::collect(double t)
 
 // A LAN client gets a host route and a neighbour entry with its MAC the
 // first time it sends; the WAN's next hop is the first WAN sender's MAC.
-void Replayer::learn(const CapturedPacket &, bool v6, Side side, const uint8_t *addr, const Mac &mac)
+void Replayer::learn(bool v6, Side side, const uint8_t *addr, const Mac &mac)
 {
 	if (side == Side::wan) {
 		bool &done = v6 ? gateway6_ : gateway4_;
@@ -229,16 +229,18 @@ void Replayer::packet(const CapturedPacket &p)
 		sum_.cut++;
 
 	bool v6 = (p.ip[0] >> 4) == 6;
-	Side from = Side::wan, to = Side::br0; // an IP header cut before its addresses
+	Side from = Side::wan, to = Side::br0;
 	if (e.view.src_addr) {
 		from = lan_.side(v6, e.view.src_addr);
 		to = lan_.side(v6, e.view.dst_addr);
+	} else {
+		e.note = "IP header cut before its addresses: fed from the WAN to br0";
 	}
 	Mac mac = p.src_mac.value_or(from == Side::wan ? Mac(sim::kGatewayMac) : Mac(sim::kClientMac));
 	if (from != Side::wan && !p.ethernet && opts_.client_mac)
 		mac = *opts_.client_mac;
 	if (e.view.src_addr)
-		learn(p, v6, from, e.view.src_addr, mac);
+		learn(v6, from, e.view.src_addr, mac);
 
 	struct net_device *in = device(from), *out = device(to);
 	Bytes frame(ETHER_HLEN + p.ip.size());

@@ -47,7 +47,7 @@ private:
 	void apply(const ControlWrite &w);
 	void deliver(Pending &p);
 	void collect(double t);
-	void learn(const CapturedPacket &p, bool v6, Side side, const uint8_t *addr, const Mac &mac);
+	void learn(bool v6, Side side, const uint8_t *addr, const Mac &mac);
 	struct net_device *device(Side s) const;
 	double absolute(double t) const { return t0_ + t; }
 

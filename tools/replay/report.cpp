@@ -153,6 +153,8 @@ void Report::packet(const PacketEvent &e)
 		if (!e.decided_by.empty())
 			o.str("dropped_by", e.decided_by);
 		o.flag("cut", e.caplen < e.len);
+		if (!e.note.empty())
+			o.str("note", e.note);
 		put(o.done());
 		return;
 	}
@@ -169,6 +171,8 @@ void Report::packet(const PacketEvent &e)
 	put(line);
 	if (e.caplen < e.len)
 		put(fmt("%scut by the snap length: %u of %u bytes, fed as captured", kIndent, e.caplen, e.len));
+	if (!e.note.empty())
+		put(kIndent + e.note);
 }
 
 void Report::log(const std::string &line)

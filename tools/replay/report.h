@@ -24,6 +24,7 @@ struct PacketEvent {
 	bool reached_forward = false;
 	bool fwd_accept = false;
 	std::string decided_by;  // the hook function that dropped it
+	std::string note;        // what else a reader should know
 };
 
 struct RequestEvent {
