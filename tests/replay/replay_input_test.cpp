@@ -12,34 +12,6 @@
 namespace replay_test {
 namespace {
 
-sim::Bytes file_bytes(const std::string &path)
-{
-	std::ifstream f(path, std::ios::binary);
-	return sim::Bytes(std::istreambuf_iterator<char>(f), {});
-}
-
-void write_bytes(const std::string &path, const sim::Bytes &b)
-{
-	std::ofstream(path, std::ios::binary).write((const char *)b.data(), b.size());
-}
-
-void put32(sim::Bytes &b, size_t off, uint32_t v) { memcpy(&b[off], &v, 4); }
-uint32_t get32(const sim::Bytes &b, size_t off)
-{
-	uint32_t v;
-	memcpy(&v, &b[off], 4);
-	return v;
-}
-
-// Offset of record n's header (1-based) in a classic pcap file.
-size_t record_at(const sim::Bytes &b, int n)
-{
-	size_t pos = 24;
-	for (int i = 1; i < n; i++)
-		pos += 16 + get32(b, pos + 8);
-	return pos;
-}
-
 // The story with every record cut to `snap` bytes, as a capture made with
 // that snap length would hold it.
 sim::Bytes snapped(const sim::Bytes &whole, uint32_t snap)

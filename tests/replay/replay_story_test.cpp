@@ -93,7 +93,7 @@ TEST(ReplayStory, VerdictsAndRequestsPerService)
 
 // ---- the forged packets, as tshark reads them ----
 
-uint32_t get32(const sim::Bytes &b, size_t off) { return uint32_t(b[off]) << 24 | b[off + 1] << 16 | b[off + 2] << 8 | b[off + 3]; }
+uint32_t be32(const sim::Bytes &b, size_t off) { return uint32_t(b[off]) << 24 | b[off + 1] << 16 | b[off + 2] << 8 | b[off + 3]; }
 
 // A captured IPv4 TCP frame: its sequence and acknowledgement numbers and payload length.
 struct Seg {
@@ -104,7 +104,7 @@ Seg seg(int n)
 	const sim::Bytes &f = story().at(n - 1);
 	size_t ip = 14, tcp = ip + (f[ip] & 0xf) * 4, data = tcp + (f[tcp + 12] >> 4) * 4;
 	size_t total = size_t(f[ip + 2]) << 8 | f[ip + 3];
-	return {get32(f, tcp + 4), get32(f, tcp + 8), uint32_t(ip + total - data)};
+	return {be32(f, tcp + 4), be32(f, tcp + 8), uint32_t(ip + total - data)};
 }
 
 TEST(ReplayStory, ForgedPacketsReadBackByTshark)
@@ -274,6 +274,38 @@ TEST(ReplayStory, DelayedRepliesAndControlWritesAtCaptureTimes)
 	std::map<int, std::string> after = decisions(off);
 	for (int n = 22; n <= 95; n++)
 		EXPECT_EQ("ACCEPT", after[n]) << "packet " << n;
+}
+
+// The clock: a device exemption lasts 900000 ticks. With 1000 s of
+// silence in the middle of the capture it outlives the gap at 100 ticks a
+// second, and has run out at 1000 (the counter wrapping on the way), so the
+// sites after the gap are rated again.
+TEST(ReplayStory, TicksFollowCaptureTimeAtTheGivenRate)
+{
+	sim::Bytes shifted = file_bytes(kStory);
+	ASSERT_GT(shifted.size(), 1000u);
+	for (size_t pos = record_at(shifted, 53); pos < shifted.size(); pos += 16 + get32(shifted, pos + 8))
+		put32(shifted, pos, get32(shifted, pos) + 1000);
+	std::string path = temp_path("gap.pcap");
+	write_bytes(path, shifted);
+	struct Case {
+		const char *hz;
+		std::string asked, secure; // hosts rated; what became of the HTTPS SYN (#55)
+	} cases[] = {
+		{"1000", "secure.example.test www6.example.test ", "https_forward_hook"},
+		{"100", "", "ACCEPT"},
+	};
+	for (const Case &c : cases) {
+		SCOPED_TRACE(c.hz);
+		Outcome r = run({"--pc", "--json", "--hz", c.hz, "--at", "0", "unblock_proc=+|" + kLaptop, "--policy", kPolicy, path});
+		ASSERT_EQ(0, r.rc) << r.err;
+		std::string asked;
+		for (auto &q : events(r, "request"))
+			asked += field(q, "host") + " ";
+		EXPECT_EQ(c.asked, asked);
+		EXPECT_EQ(c.secure, decisions(r)[55]);
+	}
+	remove(path.c_str());
 }
 
 } // namespace

@@ -5,6 +5,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -109,6 +112,35 @@ inline const std::vector<sim::Bytes> &story()
 	if (frames.empty() && (!sim::pcap_read(kStory, &frames, &link) || link != sim::PCAP_ETHERNET))
 		frames.clear();
 	return frames;
+}
+
+// ---- classic pcap files as bytes (little-endian, as the story is) ----
+inline sim::Bytes file_bytes(const std::string &path)
+{
+	std::ifstream f(path, std::ios::binary);
+	return sim::Bytes(std::istreambuf_iterator<char>(f), {});
+}
+
+inline void write_bytes(const std::string &path, const sim::Bytes &b)
+{
+	std::ofstream(path, std::ios::binary).write((const char *)b.data(), b.size());
+}
+
+inline void put32(sim::Bytes &b, size_t off, uint32_t v) { memcpy(&b[off], &v, 4); }
+inline uint32_t get32(const sim::Bytes &b, size_t off)
+{
+	uint32_t v;
+	memcpy(&v, &b[off], 4);
+	return v;
+}
+
+// Offset of record n's header (1-based) in a classic pcap file.
+inline size_t record_at(const sim::Bytes &b, int n)
+{
+	size_t pos = 24;
+	for (int i = 1; i < n; i++)
+		pos += 16 + get32(b, pos + 8);
+	return pos;
 }
 
 inline std::string temp_path(const std::string &name)
