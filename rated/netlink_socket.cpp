@@ -24,7 +24,11 @@ NetlinkSocket::NetlinkSocket(int unit, uint32_t groups) : buf_(65536)
 	    getsockname(fd_, reinterpret_cast<sockaddr *>(&me), &len) < 0) {
 		int err = errno;
 		close(fd_);
-		throw std::system_error(err, std::generic_category(), "binding to netlink group mask " + std::to_string(groups));
+		std::string what = "binding to netlink group mask " + std::to_string(groups);
+		if (err == EPERM)
+			what += " (this kernel lets only CAP_NET_ADMIN join the group: run as root, or give the "
+				"binary that capability; --user NAME drops root once bound)";
+		throw std::system_error(err, std::generic_category(), what);
 	}
 	port_id_ = me.nl_pid;
 }
