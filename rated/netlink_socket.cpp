@@ -31,6 +31,10 @@ NetlinkSocket::NetlinkSocket(int unit, uint32_t groups) : buf_(65536)
 		throw std::system_error(err, std::generic_category(), what);
 	}
 	port_id_ = me.nl_pid;
+	// Room for bursts of requests: the filter never sends one twice.
+	int size = 1 << 20;
+	if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) < 0)
+		setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
 }
 
 NetlinkSocket::~NetlinkSocket()
@@ -44,8 +48,13 @@ bool NetlinkSocket::receive(std::vector<Message> &out)
 	sockaddr_nl from{};
 	socklen_t flen = sizeof(from);
 	ssize_t n = recvfrom(fd_, buf_.data(), buf_.size(), MSG_TRUNC, reinterpret_cast<sockaddr *>(&from), &flen);
-	if (n < 0)
+	if (n < 0) {
+		if (errno == ENOBUFS) {
+			overflows_++;
+			return true; // more may wait behind the loss
+		}
 		return false;
+	}
 	size_t have = std::min(size_t(n), buf_.size());
 	size_t at = 0;
 	do {

@@ -173,7 +173,7 @@ TEST_F(RatedE2E, FourKindsOfRequestAnsweredAndActedOn)
 			  "info: PC mac=00:11:22:33:44:55 device=kids client=192.168.1.10 host=chat.example.org url=/ BLOCK by " +
 				  f + ":9: default block",
 			  "warning: stopping: 4 requests answered, 0 replies dropped on purpose, 0 not yet due, 0 messages "
-			  "ignored, 0 sends failed" }),
+			  "ignored, 0 sends failed, 0 buffer overflows" }),
 		  daemon->log());
 }
 
