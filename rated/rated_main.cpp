@@ -138,6 +138,7 @@ int run(const rated::Options &o)
 					continue;
 				if (o.drop_percent > 0 && percent(rng) < o.drop_percent) {
 					dropped++;
+					log.write(rated::Level::debug, "reply to port id " + std::to_string(m.sender) + " dropped (--drop)");
 					continue;
 				}
 				if (log.enabled(rated::Level::debug))
