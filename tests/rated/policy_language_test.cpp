@@ -13,6 +13,8 @@ using policy::Service;
 
 namespace {
 
+const std::time_t utc_noon_monday = 1795435200; // Monday 2026-11-23 12:00 UTC: no window open
+
 // Which rule decides each question, for texts that exercise the grammar.
 TEST(PolicyLanguage, GrammarCorners)
 {
@@ -136,6 +138,41 @@ TEST(PolicyLanguage, FilesThatCannotBeRead)
 			EXPECT_EQ("good.policy:2: block a.example",
 				  p->decide(ask(Service::wp, "a.example")).rule.substr(dir.size() + 1));
 		}
+	}
+}
+
+// The shipped examples load, and decide as their comments say.
+TEST(PolicyLanguage, ExamplesLoadAndDecide)
+{
+	setenv("TZ", "UTC0", 1);
+	tzset();
+	const policy::Mac kids = { 0x00, 0x11, 0x22, 0x33, 0x44, 0x55 };
+	struct Case {
+		const char *file;
+		Service service;
+		bool kids, flow;
+		const char *host, *rule; // the rule's text after "FILE:LINE: "
+	};
+	const Case cases[] = {
+		{ "home.policy", Service::wp, false, false, "www.games.example.net", "block games.example.net" },
+		{ "home.policy", Service::wp, false, false, "cdn.games.example.net", "pass cdn.games.example.net" },
+		{ "home.policy", Service::pc, true, false, "homework.example.org", "white homework.example.org" },
+		{ "home.policy", Service::pc, true, false, "www.wikipedia.example", "default block" },
+		{ "home.policy", Service::pc, false, true, "203.0.113.66", "block 203.0.113.66" },
+		{ "encrypted-dns.policy", Service::wp, false, true, "mozilla.cloudflare-dns.com", "block cloudflare-dns.com" },
+		{ "encrypted-dns.policy", Service::pc, true, true, "dns11.quad9.net", "block dns11.quad9.net" },
+		{ "encrypted-dns.policy", Service::pc, true, true, "[2001:4860:4860:0::8888]", "block 2001:4860:4860::8888" },
+		{ "encrypted-dns.policy", Service::pc, true, true, "www.example.org", "default pass" },
+	};
+	for (const Case &c : cases) {
+		std::vector<policy::Error> errors;
+		auto p = policy::Policy::load_file(std::string(DNSHOOK_SOURCE_DIR) + "/examples/" + c.file, errors);
+		ASSERT_NE(nullptr, p) << c.file << ": " << (errors.empty() ? "" : errors[0].text());
+		policy::Query q = ask(c.service, c.host, c.flow ? "/" : "/x", c.kids ? std::optional(kids) : std::nullopt,
+				      utc_noon_monday);
+		q.flow = c.flow;
+		std::string rule = p->decide(q).rule;
+		EXPECT_EQ(c.rule, rule.substr(rule.find(": ") + 2)) << c.file << " " << c.host;
 	}
 }
 
