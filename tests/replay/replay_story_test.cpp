@@ -7,7 +7,6 @@
 
 #include <cstring>
 #include <fstream>
-#include <regex>
 
 #include "replay_support.h"
 #include "support/tshark.h"
@@ -189,11 +188,15 @@ bool write_as(const std::string &path, uint32_t link)
 // header and the summary, without the frame lengths.
 std::vector<std::string> story_lines(const Outcome &r)
 {
-	static const std::regex lengths(",\"len\":[0-9]+,\"caplen\":[0-9]+");
 	std::vector<std::string> out;
-	for (auto &l : r.lines)
-		if (field(l, "event") != "capture" && field(l, "event") != "summary")
-			out.push_back(std::regex_replace(l, lengths, ""));
+	for (std::string l : r.lines) {
+		if (field(l, "event") == "capture" || field(l, "event") == "summary")
+			continue;
+		size_t at = l.find(",\"len\":"), end = l.find(",\"caplen\":");
+		if (at != std::string::npos && end != std::string::npos)
+			l.erase(at, l.find(',', end + 1) - at);
+		out.push_back(l);
+	}
 	return out;
 }
 
