@@ -131,17 +131,4 @@ TEST(Wire, MessagesThatCannotBeAnsweredAreCountedAndLoggedOncePerKind)
 	EXPECT_EQ((std::array<uint64_t, 3>{ 2, 1, 2 }), n.rejected);
 }
 
-TEST(Wire, DecisionLines)
-{
-	policy::Query q = ask(policy::Service::pc, "games.example.net", "/play?x=1", policy::Mac{ 0, 0x11, 0x22, 0x33, 0x44, 0x55 });
-	q.client = "192.168.1.10";
-	policy::Decision d{ policy::Verdict::block, "home.policy:12: block games.example.net", "kids-tablet", "" };
-	EXPECT_EQ("PC mac=00:11:22:33:44:55 device=kids-tablet client=192.168.1.10 host=games.example.net "
-		  "url=/play?x=1 BLOCK by home.policy:12: block games.example.net",
-		  rated::decision_line(q, d));
-	q = ask(policy::Service::wp, "video.example", "");
-	d = { policy::Verdict::white_pass, "no rule: pass", "", "" };
-	EXPECT_EQ("WP mac=- device=- client=- host=video.example url=- WHITE_PASS by no rule: pass", rated::decision_line(q, d));
-}
-
 } // namespace
