@@ -17,5 +17,5 @@ python3 "$data/scale.py" "$data/story.pcap" "$copies" "$work/mixed.pcap"
 for args in "--wp --quiet" "--pc --quiet" "--wp --pc --log-level 7 --out $work/forged.pcap"; do
 	echo "== dnshook-replay $args (text output through a pipe, summary shown)"
 	# shellcheck disable=SC2086
-	"$replay" $args --policy "$data/story.policy" "$work/mixed.pcap" | sed -n '/^== summary ==/,$p' >&2
+	"$replay" $args --policy "$data/story.policy" "$work/mixed.pcap" | sed -n '/^== summary ==/,$p'
 done
