@@ -28,6 +28,7 @@ struct Query {
 	std::optional<Mac> mac; // the client's MAC (parental control only)
 	std::string client;     // the client's address as text
 	std::time_t when = 0;   // when the request was made (wall clock)
+	bool flow = false;      // a flow without HTTP (both ports 0 on the wire)
 };
 
 struct Decision {
@@ -53,6 +54,10 @@ public:
 					     std::vector<Error> &errors);
 
 	Decision decide(const Query &q) const;
+
+	const std::string &name() const; // the file name errors and rules are reported with
+	size_t rule_count() const;       // host and URL rules, defaults and schedules
+	size_t device_count() const;
 
 	~Policy();
 	Policy(const Policy &) = delete;

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 
@@ -39,5 +40,12 @@ policy::Query to_query(const Request &req, std::time_t when);
 // The reply: header fields 8..47 echoed, kind 1, service + 1, the verdict,
 // the block-page address NUL-terminated (cut to 511 characters).
 Record build_reply(const Request &req, policy::Verdict verdict, const std::string &block_page);
+
+// A request about a flow without HTTP: both ports 0.
+bool is_flow(const Request &req);
+// The client's address as text; "" where the request carries none.
+std::string client_text(const Request &req);
+// "not 576 bytes long", ... for the daemon's log.
+const char *reject_text(Reject why);
 
 } // namespace wire
