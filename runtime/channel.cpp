@@ -47,9 +47,11 @@ void Channel::flush_requests(void)
 		to.nl_pid = 0;
 		to.nl_groups = 1u << (m.dst_group - 1);
 		ssize_t n = sendto(sock_.get(), m.bytes.data(), m.bytes.size(), 0, (sockaddr *)&to, sizeof(to));
-		// Without a listener the kernel drops a multicast silently, as
-		// netlink_broadcast does for the module.
-		if (n < 0)
+		// The multicast is out before the kernel tries the unicast part
+		// of the send to port 0, which no kernel socket of unit 2 takes
+		// (ECONNREFUSED); without a listener the message is dropped
+		// silently, as netlink_broadcast does for the module.
+		if (n < 0 && errno != ECONNREFUSED)
 			count_.request_errors++;
 		else
 			count_.requests++;

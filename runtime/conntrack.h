@@ -1,16 +1,22 @@
 #pragma once
-// The kernel's connections as the model's nf_conn entries: one entry per
-// conntrack id, made when a queued packet first names it and dropped from
-// the table when the kernel reports the connection destroyed. white_mark
-// lives in the entry, so it lasts exactly as long as the connection.
-// References the filter holds keep an entry alive after that, as in the
-// kernel.
+// The kernel's connections as the model's nf_conn entries, one per
+// connection tuple (both directions share it), made when a packet of the
+// connection is first queued. An entry leaves the table when the kernel
+// reports the connection destroyed, or when a check finds that the kernel
+// never confirmed it (its first packet was dropped). white_mark lives in
+// the entry, so it lasts as long as the kernel's connection; references
+// the filter holds keep an entry alive after that, as in the kernel.
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <string>
 #include <unordered_map>
+
+#include "runtime/ct_tuple.h"
 
 struct mnl_socket;
 struct nf_conn;
+struct nlmsghdr;
 
 namespace dnshookd {
 
@@ -21,20 +27,30 @@ public:
 	Conntrack(const Conntrack &) = delete;
 	Conntrack &operator=(const Conntrack &) = delete;
 
-	// The entry for the queue's conntrack attribute (NFQA_CT) of a packet
-	// of family l3num; nullptr when it names no connection.
-	struct nf_conn *from_queue_attr(const void *payload, size_t len, uint8_t l3num);
+	// The entry of the packet's connection and the packet's ctinfo;
+	// nullptr for a packet whose headers name no connection.
+	struct nf_conn *of_packet(const uint8_t *ip, size_t len, int &ctinfo);
 	int fd(void) const;
 	// Reads the destroy events waiting on fd().
 	void on_readable(void);
-	size_t live(void) const { return by_id_.size(); }
+	// Drops entries idle for a while that the kernel does not track.
+	void sweep(void);
+	size_t live(void) const { return by_key_.size(); }
 	uint64_t white(void) const;
 
 private:
-	void forget(uint32_t id);
+	struct Entry {
+		struct nf_conn *ct;
+		CtTuple first; // the direction first seen: the original one
+		uint64_t seen_ms;
+	};
+	void forget(const std::string &key);
+	int on_event(const struct nlmsghdr *nlh);
+
 	struct mnl_socket *events_ = nullptr;
-	unsigned portid_ = 0;
-	std::unordered_map<uint32_t, struct nf_conn *> by_id_;
+	CtQuery query_;
+	std::unordered_map<std::string, Entry> by_key_;
+	uint64_t next_sweep_ms_ = 0;
 };
 
 } // namespace dnshookd

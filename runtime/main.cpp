@@ -133,7 +133,7 @@ int run(const Options &opt)
 
 	for (;;) {
 		epoll_event evs[8];
-		int n = epoll_wait(ep.get(), evs, 8, 1000);
+		int n = epoll_wait(ep.get(), evs, 8, rtnl.waiting() ? 20 : 1000);
 		if (n < 0 && errno != EINTR)
 			throw Fatal{std::string("epoll_wait: ") + strerror(errno)};
 		for (int i = 0; i < n; i++) {
@@ -165,6 +165,7 @@ int run(const Options &opt)
 			log_drain();
 		}
 		rtnl.sweep();
+		conntrack.sweep();
 	}
 }
 

@@ -70,8 +70,8 @@ int parse_options(int argc, char **argv, Options &opt, bool &exit_now)
 			opt.control_dir = optarg;
 			break;
 		case O_HZ:
-			if (!parse_uint(optarg, 1, 10000, v)) {
-				fprintf(stderr, "dnshookd: --hz: '%s' is not a tick rate from 1 to 10000\n", optarg);
+			if (!parse_uint(optarg, 1, 100000, v)) {
+				fprintf(stderr, "dnshookd: --hz: '%s' is not a tick rate from 1 to 100000\n", optarg);
 				exit_now = true;
 				return 2;
 			}

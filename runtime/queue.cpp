@@ -65,8 +65,8 @@ void Queue::configure(unsigned queue, uint16_t pf, bool fail_open)
 
 	nlh = nfq_nlmsg_put(buf, NFQNL_MSG_CONFIG, queue);
 	nfq_nlmsg_cfg_put_params(nlh, NFQNL_COPY_PACKET, 0xffff);
-	uint32_t flags = NFQA_CFG_F_CONNTRACK | (fail_open ? NFQA_CFG_F_FAIL_OPEN : 0);
-	uint32_t mask = NFQA_CFG_F_CONNTRACK | NFQA_CFG_F_FAIL_OPEN;
+	uint32_t flags = fail_open ? NFQA_CFG_F_FAIL_OPEN : 0;
+	uint32_t mask = NFQA_CFG_F_FAIL_OPEN;
 	mnl_attr_put_u32(nlh, NFQA_CFG_FLAGS, htonl(flags));
 	mnl_attr_put_u32(nlh, NFQA_CFG_MASK, htonl(mask));
 	nfq_nlmsg_cfg_put_qmaxlen(nlh, 4096);
@@ -108,14 +108,6 @@ int Queue::on_message(const struct nlmsghdr *nlh)
 			memcpy(p.hwaddr, hw->hw_addr, 6);
 			p.has_hwaddr = true;
 		}
-	}
-	if (attr[NFQA_CT]) {
-		p.ct = mnl_attr_get_payload(attr[NFQA_CT]);
-		p.ct_len = mnl_attr_get_payload_len(attr[NFQA_CT]);
-	}
-	if (attr[NFQA_CT_INFO]) {
-		p.ct_info = ntohl(mnl_attr_get_u32(attr[NFQA_CT_INFO]));
-		p.has_ct_info = true;
 	}
 	verdict(queue, id, handler_(p));
 	return MNL_CB_OK;

@@ -20,10 +20,6 @@ struct QueuedPacket {
 	int in_ifindex = 0, out_ifindex = 0;
 	bool has_hwaddr = false;
 	uint8_t hwaddr[6] = {};        // the frame's source address
-	const void *ct = nullptr;      // NFQA_CT payload
-	size_t ct_len = 0;
-	uint32_t ct_info = 0;
-	bool has_ct_info = false;
 };
 
 class Queue {

@@ -174,9 +174,13 @@ struct neighbour *Rtnl::neigh_sync(struct neigh_table *tbl, const void *key, str
 
 	struct neighbour *n = model_entry(tbl, key, dev);
 	if (!ans.found) {
-		if (n)
+		// An entry that packets wait on stays until the sweep gives up on it.
+		bool waited_on = false;
+		for (const Waiting &w : waiting_)
+			waited_on |= w.n == n;
+		if (n && !waited_on)
 			kmodel_neigh_remove(n);
-		return nullptr;
+		return waited_on ? n : nullptr;
 	}
 	if (!n)
 		return kmodel_neigh_add(tbl, key, dev, ans.mac, ans.state, 0);
@@ -214,6 +218,14 @@ struct dst_entry *Rtnl::route(int family, const uint8_t *daddr)
 	struct neigh_table *tbl = family == AF_INET6 ? &nd_tbl : &arp_tbl;
 	const uint8_t *next_hop = ans.has_gateway ? ans.gateway : daddr;
 	struct neighbour *n = neigh_sync(tbl, next_hop, dev);
+	if (!n) {
+		// As the kernel binds a route to a new neighbour entry: packets
+		// wait in it until the address resolves (the kernel resolves it
+		// for the packet it forwards there).
+		static const uint8_t none[6] = {};
+		n = kmodel_neigh_add(tbl, next_hop, dev, none, NUD_NONE, 0);
+		waiting_.push_back(Waiting{neigh_clone(n), now_ms()});
+	}
 	struct dst_entry *dst;
 	if (n && (n->nud_state & NUD_VALID))
 		dst = kmodel_dst_new(family, dev, KMODEL_OUT_HH, n->ha);
@@ -243,6 +255,23 @@ void Rtnl::sweep(void)
 			it = cache_.erase(it);
 		} else {
 			++it;
+		}
+	}
+	for (size_t i = 0; i < waiting_.size();) {
+		Waiting &w = waiting_[i];
+		const uint8_t *key = w.n->primary_key;
+		struct neighbour *n = w.n->dead ? nullptr : neigh_sync(w.n->tbl, key, w.n->dev);
+		bool settled = !n || (n->nud_state & (NUD_VALID | NUD_FAILED));
+		if (!settled && now - w.since_ms >= 3000) {
+			kmodel_neigh_update(w.n, nullptr, NUD_FAILED); // drops what waits
+			settled = true;
+		}
+		if (settled) {
+			neigh_release(w.n);
+			waiting_[i] = waiting_.back();
+			waiting_.pop_back();
+		} else {
+			i++;
 		}
 	}
 	for (size_t i = 0; i < retired_.size();) {

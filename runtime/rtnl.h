@@ -33,8 +33,11 @@ public:
 	struct dst_entry *route(int family, const uint8_t *daddr);
 	// Makes the model's entry for (tbl, key, dev) match the kernel's.
 	struct neighbour *neigh_sync(struct neigh_table *tbl, const void *key, struct net_device *dev);
-	// Frees routes that are older than a second and held by nobody.
+	// Frees routes that are older than a second and held by nobody, and
+	// brings the neighbours that packets wait for up to date.
 	void sweep(void);
+	// Whether packets wait for a neighbour to resolve (sweep soon).
+	bool waiting(void) const { return !waiting_.empty(); }
 
 private:
 	struct Cached {
@@ -49,6 +52,11 @@ private:
 	unsigned seq_ = 1;
 	std::map<std::string, Cached> cache_; // family byte + address bytes
 	std::vector<struct dst_entry *> retired_;
+	struct Waiting {
+		struct neighbour *n; // a reference of our own
+		uint64_t since_ms;
+	};
+	std::vector<Waiting> waiting_;
 };
 
 } // namespace dnshookd

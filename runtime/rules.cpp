@@ -70,6 +70,10 @@ std::string restore_text(bool v6, const std::string &rules)
 	t += std::string(":") + kPre + " - [0:0]\n:" + kFwd + " - [0:0]\n";
 	t += std::string("-F ") + kPre + "\n-F " + kFwd + "\n";
 	t += rules;
+	// A conntrack match keeps connection tracking on in this namespace (the
+	// queue reports connections only then); at a chain's end it does nothing.
+	t += std::string("-A ") + kPre + " -m conntrack --ctstate INVALID -j RETURN\n";
+	t += std::string("-A ") + kFwd + " -m conntrack --ctstate INVALID -j RETURN\n";
 	t += "COMMIT\n";
 	(void)v6;
 	return t;

@@ -3,15 +3,16 @@
 
 #include <cstdio>
 
-#include "core/hook_registry.h"
-#include "linux/jiffies.h"
-#include "lists/tblock.h"
-#include "lists/unblock.h"
 #include "runtime/channel.h"
 #include "runtime/conntrack.h"
 #include "runtime/devices.h"
 #include "runtime/rules.h"
 #include "runtime/traversal.h"
+
+#include "core/hook_registry.h"
+#include "linux/jiffies.h"
+#include "lists/tblock.h"
+#include "lists/unblock.h"
 #include "track/dns_table.h"
 #include "track/pct_table.h"
 #include "track/ssl_table.h"
@@ -99,6 +100,7 @@ std::string counters(const StatusSources &src)
 		     std::to_string(c.accepted) + " dropped " + std::to_string(c.dropped) + "\n";
 	}
 	const ChannelCount &ch = src.channel->count();
+	s += "channel_port " + std::to_string(src.channel->port_id()) + "\n";
 	s += "requests " + std::to_string(ch.requests) + "\n";
 	s += "request_errors " + std::to_string(ch.request_errors) + "\n";
 	s += "replies " + std::to_string(ch.replies) + "\n";

@@ -4,6 +4,10 @@
 #include <cstring>
 #include <vector>
 
+#include "runtime/conntrack.h"
+#include "runtime/devices.h"
+#include "runtime/rtnl.h"
+
 #include "kmodel/host.h"
 #include "kmodel/net.h"
 #include "linux/if_ether.h"
@@ -14,9 +18,6 @@
 #include "linux/skbuff.h"
 #include "net/dst.h"
 #include "net/netfilter/nf_conntrack.h"
-#include "runtime/conntrack.h"
-#include "runtime/devices.h"
-#include "runtime/rtnl.h"
 
 namespace dnshookd {
 
@@ -70,11 +71,9 @@ unsigned Traversal::run(const QueuedPacket &p)
 		return NF_ACCEPT;
 	}
 	struct sk_buff *skb = received_skb(p, in);
-	if (p.ct) {
-		struct nf_conn *ct = ct_.from_queue_attr(p.ct, p.ct_len, v6 ? AF_INET6 : AF_INET);
-		if (ct)
-			kmodel_ct_attach(skb, ct, p.has_ct_info ? (int)p.ct_info : IP_CT_NEW);
-	}
+	int ctinfo = IP_CT_NEW;
+	if (struct nf_conn *ct = ct_.of_packet(p.data, p.len, ctinfo))
+		kmodel_ct_attach(skb, ct, ctinfo);
 	if (forward) {
 		// At FORWARD the packet carries the route to its destination.
 		const uint8_t *daddr = v6 ? p.data + offsetof(struct ipv6hdr, daddr)
