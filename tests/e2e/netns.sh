@@ -144,6 +144,7 @@ e2e_rated() { # policy-file [options...]
 	RATED_PID=$!
 	e2e_pids+=($RATED_PID)
 	e2e_wait 10 "dnshook-rated" grep -q ready "$E2E_DIR/rated.out"
+	: >"$E2E_DIR/rated.out"
 }
 
 # Starts dnshookd in the router's network namespace only, so that its
@@ -152,11 +153,13 @@ e2e_rated() { # policy-file [options...]
 DNSHOOKD_PID=
 CTL=$E2E_DIR/ctl
 e2e_dnshookd() { # options...
+	local before
+	before=$(grep -c "dnshookd: ready" "$E2E_DIR/dnshookd.log" 2>/dev/null)
 	nsenter --net=/run/netns/"$NS_R" "$E2E_BUILD/runtime/dnshookd" --control "$CTL" "$@" \
 		2>>"$E2E_DIR/dnshookd.log" &
 	DNSHOOKD_PID=$!
 	e2e_pids+=($DNSHOOKD_PID)
-	e2e_wait 15 "dnshookd" grep -q "dnshookd: ready" "$E2E_DIR/dnshookd.log"
+	e2e_wait 15 "dnshookd" test "$(grep -c "dnshookd: ready" "$E2E_DIR/dnshookd.log")" -gt "${before:-0}"
 }
 
 e2e_stop_dnshookd() { # signal
@@ -166,3 +169,67 @@ e2e_stop_dnshookd() { # signal
 	DNSHOOKD_PID=
 	return $rc
 }
+
+# ---- checks ----
+E2E_FAILS=0
+e2e_ok() { echo "ok   - $*"; }
+e2e_fail() {
+	echo "FAIL - $*"
+	E2E_FAILS=$((E2E_FAILS + 1))
+}
+# expect WHAT EXPECTED ACTUAL
+expect() {
+	if [ "$2" == "$3" ]; then e2e_ok "$1"; else e2e_fail "$1: expected [$2], got [$3]"; fi
+}
+# status FILE KEY: the value after KEY in a status file ("" if absent)
+status() { awk -v k="$2" '$1 == k { $1 = ""; sub(/^ /, ""); print; exit }' "$CTL/$1" 2>/dev/null; }
+
+# Prints the logs when something failed; the exit status of the test.
+e2e_finish() {
+	if [ "$E2E_FAILS" -ne 0 ]; then
+		local f
+		for f in dnshookd.log rated.log servers.log; do
+			echo "---- last lines of $f ----"
+			tail -40 "$E2E_DIR/$f" 2>/dev/null
+		done
+		echo "$E2E_FAILS check(s) failed"
+		return 1
+	fi
+	echo "all checks passed"
+	return 0
+}
+
+# The standard opening of a test: skip where impossible, build the
+# topology, tear it down on every exit path.
+e2e_begin() {
+	E2E_BUILD=${E2E_BUILD:?the build directory}
+	local why
+	why=$(e2e_unsupported)
+	if [ -n "$why" ]; then
+		echo "SKIP: end-to-end tests need root, network namespaces and their tools: $why"
+		exit 77
+	fi
+	trap 'e2e_down; rm -rf "$E2E_DIR"' EXIT
+	trap 'exit 130' INT TERM
+	e2e_up || { echo "could not build the topology"; exit 1; }
+}
+
+# fetch NS HOST ADDR PATH [curl options]: prints "code size redirect" of a
+# page fetched by address with the Host header set; curl's exit status.
+fetch() {
+	local ns=$1 host=$2 addr=$3 path=$4
+	shift 4
+	local url="http://$addr$path"
+	[[ $addr == *:* ]] && url="http://[$addr]$path"
+	in_ns "$ns" curl -sS -m "${FETCH_TIMEOUT:-5}" -H "Host: $host" -o "$E2E_DIR/body" \
+		-w '%{http_code} %{size_download} %{redirect_url}' "$@" "$url" 2>/dev/null
+}
+# page_ok HOST PATH: whether the last fetched body is the server's page.
+page_ok() {
+	python3 "$(dirname "${BASH_SOURCE[0]}")/servers.py" page "$1$2" | cmp -s - "$E2E_DIR/body"
+}
+# banner NS ADDR: what the flow service on port 7000 says ("" when the
+# connection never comes up).
+banner() { in_ns "$1" nc -w "${BANNER_TIMEOUT:-4}" "$2" 7000 </dev/null 2>/dev/null; }
+# resolve NS NAME [TYPE]: a lookup through the router, as a client makes it.
+resolve() { in_ns "$1" dig +short +time=2 +tries=1 @192.0.2.2 "$2" "${3:-A}"; }
