@@ -114,8 +114,8 @@ e2e_up() {
 		srv ip addr add 2001:db8:100::$n/128 dev lo
 		[ "$name" != "$n" ] && hosts+=("--host-record=$name,198.51.100.$n,2001:db8:100::$n")
 	done
-	e2e_bg srv python3 "$(dirname "${BASH_SOURCE[0]}")/servers.py" >"$E2E_DIR/servers.log" 2>&1
-	e2e_bg srv dnsmasq --keep-in-foreground --no-resolv --no-hosts --bind-interfaces \
+	e2e_bg ip netns exec "$NS_S" python3 "$(dirname "${BASH_SOURCE[0]}")/servers.py" >"$E2E_DIR/servers.log" 2>&1
+	e2e_bg ip netns exec "$NS_S" dnsmasq --keep-in-foreground --no-resolv --no-hosts --bind-interfaces \
 		--listen-address=192.0.2.2 --listen-address=2001:db8:1::2 --user=root \
 		--pid-file="$E2E_DIR/dnsmasq.pid" --log-queries --log-facility=- "${hosts[@]}" \
 		>"$E2E_DIR/dnsmasq.log" 2>&1
@@ -140,7 +140,8 @@ RATED_PID=
 e2e_rated() { # policy-file [options...]
 	local policy=$1
 	shift
-	r "$E2E_BUILD/rated/dnshook-rated" --policy "$policy" "$@" >"$E2E_DIR/rated.out" 2>>"$E2E_DIR/rated.log" &
+	ip netns exec "$NS_R" "$E2E_BUILD/rated/dnshook-rated" --policy "$policy" "$@" \
+		>"$E2E_DIR/rated.out" 2>>"$E2E_DIR/rated.log" &
 	RATED_PID=$!
 	e2e_pids+=($RATED_PID)
 	e2e_wait 10 "dnshook-rated" grep -q ready "$E2E_DIR/rated.out"
