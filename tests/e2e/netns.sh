@@ -160,8 +160,11 @@ e2e_dnshookd() { # options...
 		2>>"$E2E_DIR/dnshookd.log" &
 	DNSHOOKD_PID=$!
 	e2e_pids+=($DNSHOOKD_PID)
-	e2e_wait 15 "dnshookd" test "$(grep -c "dnshookd: ready" "$E2E_DIR/dnshookd.log")" -gt "${before:-0}"
+	e2e_wait 15 "dnshookd" e2e_ready_above "${before:-0}" ||
+		{ tail -5 "$E2E_DIR/dnshookd.log" >&2; return 1; }
 }
+
+e2e_ready_above() { test "$(grep -c "dnshookd: ready" "$E2E_DIR/dnshookd.log")" -gt "$1"; }
 
 e2e_stop_dnshookd() { # signal
 	kill -"${1:-TERM}" "$DNSHOOKD_PID" 2>/dev/null
