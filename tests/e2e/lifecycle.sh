@@ -108,7 +108,10 @@ got=$(fetch "$NS_C0" blocked.test 198.51.100.20 /after-garbage)
 expect "garbage: dnshookd goes on rating" "0 302 0 http://blocked.lan/?host=blocked.test&service=wp" "$? $got"
 
 # SIGKILL: the rules stay, the bypass lets traffic through, a restart
-# replaces the stale chains.
+# replaces the stale chains; a download under way goes on throughout.
+fetch "$NS_C0" allowed.test 198.51.100.10 /across-kill --limit-rate 16k >"$E2E_DIR/slow.out" &
+slow=$!
+sleep 1
 e2e_stop_dnshookd KILL
 e2e_wait 5 "the control files to go" sh -c "! mountpoint -q '$CTL'"
 expect "after SIGKILL: the control files are unmounted" 32 "$(mountpoint -q "$CTL"; echo $?)"
@@ -119,6 +122,8 @@ e2e_dnshookd --log-level 7
 jumps="$(r iptables -t mangle -S | grep -c -- '-j DNSHOOK_') $(r ip6tables -t mangle -S | grep -c -- '-j DNSHOOK_')"
 expect "restarted: one jump per chain and family" "2 2" "$jumps"
 expect "restarted: services off, nothing queued" "0 0 0 0 0" "$(rules_now)"
+wait $slow
+expect "a download under way across SIGKILL and restart completes whole" "0 200 65536 " "$? $(cat "$E2E_DIR/slow.out")"
 echo 1 >"$CTL/wl_warning_page"
 got=$(fetch "$NS_C0" blocked.test 198.51.100.20 /after-restart)
 expect "restarted: filtering again" "0 302 0 http://blocked.lan/?host=blocked.test&service=wp" "$? $got"
@@ -131,6 +136,12 @@ e2e_stop_dnshookd KILL
 FETCH_TIMEOUT=2 fetch "$NS_C0" allowed.test 198.51.100.10 /no-bypass >/dev/null
 expect "--no-bypass, killed: queued traffic stops" 28 "$?"
 expect "--no-bypass, killed: traffic outside the rules goes on" "banner from the flow service" "$(banner "$NS_C1" 198.51.100.50)"
+
+# A fatal error after the rules went in takes them out again.
+nsenter --net=/run/netns/"$NS_R" "$D" --control /proc/no/such/dir 2>"$E2E_DIR/fatal.err"
+expect "fatal error: exit status and message" "1 dnshookd: --control /proc/no/such/dir: No such file or directory" \
+	"$? $(tail -1 "$E2E_DIR/fatal.err")"
+expect "fatal error: no rule or chain left" 0 "$(r iptables-save -t mangle | grep -c DNSHOOK)"
 
 # A clean stop leaves nothing behind.
 e2e_dnshookd
