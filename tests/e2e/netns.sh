@@ -211,6 +211,7 @@ e2e_begin() {
 	why=$(e2e_unsupported)
 	if [ -n "$why" ]; then
 		echo "SKIP: end-to-end tests need root, network namespaces and their tools: $why"
+		rm -rf "$E2E_DIR"
 		exit 77
 	fi
 	trap 'e2e_down; rm -rf "$E2E_DIR"' EXIT
