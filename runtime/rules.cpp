@@ -64,7 +64,7 @@ int run(const std::vector<std::string> &argv, const std::string &input, bool sho
 
 const char *tool(bool v6) { return v6 ? "ip6tables" : "iptables"; }
 
-std::string restore_text(bool v6, const std::string &rules)
+std::string restore_text(const std::string &rules)
 {
 	std::string t = "*mangle\n";
 	t += std::string(":") + kPre + " - [0:0]\n:" + kFwd + " - [0:0]\n";
@@ -75,7 +75,6 @@ std::string restore_text(bool v6, const std::string &rules)
 	t += std::string("-A ") + kPre + " -m conntrack --ctstate INVALID -j RETURN\n";
 	t += std::string("-A ") + kFwd + " -m conntrack --ctstate INVALID -j RETURN\n";
 	t += "COMMIT\n";
-	(void)v6;
 	return t;
 }
 
@@ -105,7 +104,7 @@ Rules::Rules(std::array<unsigned, 4> queues, bool bypass) : queues_(queues), byp
 	remove_all();
 	for (bool v6 : {false, true}) {
 		const std::string t = tool(v6);
-		if (run({t + "-restore", "-w", "--noflush"}, restore_text(v6, ""), true) != 0 ||
+		if (run({t + "-restore", "-w", "--noflush"}, restore_text(""), true) != 0 ||
 		    run({t, "-w", "-t", "mangle", "-I", "PREROUTING", "1", "-j", kPre}, "", true) != 0 ||
 		    run({t, "-w", "-t", "mangle", "-I", "FORWARD", "1", "-j", kFwd}, "", true) != 0) {
 			remove_all();
@@ -159,7 +158,7 @@ bool Rules::follow_filter(void)
 			continue;
 		if (rules.empty() && applied_[v6].empty() && !text_.empty())
 			continue;
-		if (run({std::string(tool(v6)) + "-restore", "-w", "--noflush"}, restore_text(v6, rules), true) != 0) {
+		if (run({std::string(tool(v6)) + "-restore", "-w", "--noflush"}, restore_text(rules), true) != 0) {
 			log_say(3, std::string("cannot rewrite the ") + tool(v6) + " rules; the previous ones stay");
 			ok = false;
 			continue;

@@ -52,6 +52,13 @@ expect "PC: ... after a new rating" $((before + 2)) "$(requests)"
 grep -q "flush all ssl tracking" "$E2E_DIR/dnshookd.log" && e2e_ok "PC: the flush is logged" ||
 	e2e_fail "PC: no flush line in the log"
 
+before=$(requests)
+resolve "$NS_C0" flow.test AAAA >/dev/null
+expect "PC: an IPv6 flow to a resolved server passes after rating" "$BANNER" "$(banner "$NS_C0" 2001:db8:100::40)"
+[ "$(requests)" -gt "$before" ] && e2e_ok "PC: ... rated" || e2e_fail "PC: the IPv6 flow was not rated"
+grep -q 'nd_query failed' "$E2E_DIR/dnshookd.log" && e2e_fail "PC: the client's IPv6 neighbour was not found" ||
+	e2e_ok "PC: the client's IPv6 neighbour comes from the kernel"
+
 # Time block, then an exemption through unblock_proc.
 echo "add $MAC_C0" >"$CTL/tblock_proc"
 expect "PC: the time-blocked device is cut off (flow)" "" "$(BANNER_TIMEOUT=2 banner "$NS_C0" 198.51.100.50)"
