@@ -76,7 +76,10 @@ std::optional<BlockPage> BlockPage::parse(std::string_view text, std::string &wh
 	}
 	if (!literal.empty())
 		page.pieces_.push_back({ Field::literal, std::move(literal) });
-	if (page.text_.size() > kMaxBlockPage) {
+	size_t fixed = 0;
+	for (const Piece &p : page.pieces_)
+		fixed += p.literal.size();
+	if (fixed > kMaxBlockPage) {
 		why = "block page address longer than 511 characters";
 		return std::nullopt;
 	}

@@ -24,9 +24,17 @@ NetlinkSocket::NetlinkSocket(int unit, uint32_t groups) : buf_(65536)
 	    getsockname(fd_, reinterpret_cast<sockaddr *>(&me), &len) < 0) {
 		int err = errno;
 		close(fd_);
-		throw std::system_error(err, std::generic_category(), "binding to netlink group mask " + std::to_string(groups));
+		std::string what = "binding to netlink group mask " + std::to_string(groups);
+		if (err == EPERM)
+			what += " (this kernel lets only CAP_NET_ADMIN join the group: run as root, or give the "
+				"binary that capability; --user NAME drops root once bound)";
+		throw std::system_error(err, std::generic_category(), what);
 	}
 	port_id_ = me.nl_pid;
+	// Room for bursts of requests: the filter never sends one twice.
+	int size = 1 << 20;
+	if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) < 0)
+		setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
 }
 
 NetlinkSocket::~NetlinkSocket()
@@ -40,8 +48,13 @@ bool NetlinkSocket::receive(std::vector<Message> &out)
 	sockaddr_nl from{};
 	socklen_t flen = sizeof(from);
 	ssize_t n = recvfrom(fd_, buf_.data(), buf_.size(), MSG_TRUNC, reinterpret_cast<sockaddr *>(&from), &flen);
-	if (n < 0)
+	if (n < 0) {
+		if (errno == ENOBUFS) {
+			overflows_++;
+			return true; // more may wait behind the loss
+		}
 		return false;
+	}
 	size_t have = std::min(size_t(n), buf_.size());
 	size_t at = 0;
 	do {

@@ -18,6 +18,8 @@ public:
 
 	int fd() const { return fd_; }
 	uint32_t port_id() const { return port_id_; }
+	// Times the receive buffer overflowed and requests were lost.
+	uint64_t overflows() const { return overflows_; }
 
 	struct Message {
 		uint32_t sender = 0;          // the port id the datagram came from
@@ -34,6 +36,7 @@ public:
 private:
 	int fd_ = -1;
 	uint32_t port_id_ = 0;
+	uint64_t overflows_ = 0;
 	std::vector<uint8_t> buf_;
 };
 

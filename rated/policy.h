@@ -53,6 +53,11 @@ public:
 	static std::unique_ptr<Policy> parse(const std::string &text, const std::string &name,
 					     std::vector<Error> &errors);
 
+	// WP: the [wp] rules, else its default. PC: the device's rules, the
+	// [pc] rules, an open window (the device's, then [pc]'s), the device's
+	// default, the [pc] default. Else PASS. Windows use the local time
+	// zone. A WP flow's white is answered as PASS, since the filter
+	// blocks such a flow on anything but PASS.
 	Decision decide(const Query &q) const;
 
 	const std::string &name() const; // the file name errors and rules are reported with

@@ -94,6 +94,7 @@ int run(const rated::Options &o)
 	std::uniform_real_distribution<double> percent(0, 100);
 	std::deque<Pending> pending; // due in order: every reply waits the same delay
 	uint64_t dropped = 0, send_failed = 0;
+	bool told_overflow = false;
 
 	std::printf("dnshook-rated: ready, policy %s (%zu rules)\n", o.policy.c_str(), responder.policy().rule_count());
 	std::fflush(stdout);
@@ -123,6 +124,10 @@ int run(const rated::Options &o)
 		}
 		// Requests first: a reload never loses one already queued.
 		while (msgs.clear(), sock->receive(msgs)) {
+			if (sock->overflows() && !told_overflow) {
+				told_overflow = true;
+				log.error("the socket's receive buffer overflowed: requests were lost (counted from now on)");
+			}
 			for (const auto &m : msgs) {
 				if (m.bad_header) {
 					responder.bad_header();
@@ -133,8 +138,12 @@ int run(const rated::Options &o)
 					continue;
 				if (o.drop_percent > 0 && percent(rng) < o.drop_percent) {
 					dropped++;
+					log.write(rated::Level::debug, "reply to port id " + std::to_string(m.sender) + " dropped (--drop)");
 					continue;
 				}
+				if (log.enabled(rated::Level::debug))
+					log.write(rated::Level::debug, "reply to port id " + std::to_string(m.sender) +
+										   (o.delay_ms ? " in " + std::to_string(o.delay_ms) + " ms" : ""));
 				pending.push_back({ Clock::now() + std::chrono::milliseconds(o.delay_ms), m.sender, *reply });
 			}
 			flush_due(Clock::now());
@@ -150,7 +159,8 @@ int run(const rated::Options &o)
 				    std::to_string(dropped) + " replies dropped on purpose, " +
 				    std::to_string(pending.size()) + " not yet due, " +
 				    std::to_string(c.rejected[0] + c.rejected[1] + c.rejected[2] + c.bad_header) +
-				    " messages ignored, " + std::to_string(send_failed) + " sends failed");
+				    " messages ignored, " + std::to_string(send_failed) + " sends failed, " +
+				    std::to_string(sock->overflows()) + " buffer overflows");
 			return 0;
 		}
 	}

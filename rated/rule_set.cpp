@@ -6,8 +6,10 @@
 
 namespace policy {
 
-const Rule *RuleSet::add(const Pattern &p, Rule rule)
+const Rule *RuleSet::add(const Pattern &pattern, Rule rule)
 {
+	Pattern p = pattern;
+	p.exact |= is_ip_literal(p.host); // no names lie under an address
 	Entry &e = by_host_[p.host];
 	if (p.path.empty()) {
 		const Rule *&slot = p.exact ? e.exact : e.suffix;
@@ -20,8 +22,10 @@ const Rule *RuleSet::add(const Pattern &p, Rule rule)
 		if (pr.prefix == p.path && pr.exact == p.exact)
 			return pr.rule;
 	PathRule pr{ p.path, p.exact, &rules_.emplace_back(std::move(rule)) };
-	auto at = std::find_if(e.paths.begin(), e.paths.end(),
-			       [&](const PathRule &o) { return o.prefix.size() < pr.prefix.size(); });
+	// Longest prefix first; for equal prefixes the exact rule first.
+	auto at = std::find_if(e.paths.begin(), e.paths.end(), [&](const PathRule &o) {
+		return o.prefix.size() < pr.prefix.size() || (o.prefix.size() == pr.prefix.size() && pr.exact && !o.exact);
+	});
 	e.paths.insert(at, pr);
 	return nullptr;
 }
