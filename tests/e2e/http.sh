@@ -8,6 +8,9 @@ E2E_BUILD=$(realpath "$1")
 e2e_begin
 
 e2e_rated "$(dirname "$0")/test.policy"
+# Closed connections leave the kernel's table within seconds.
+r sysctl -qw net.netfilter.nf_conntrack_tcp_timeout_time_wait=1 net.netfilter.nf_conntrack_tcp_timeout_fin_wait=1 \
+	net.netfilter.nf_conntrack_tcp_timeout_last_ack=1 net.netfilter.nf_conntrack_tcp_timeout_close=1
 e2e_dnshookd --log-level 7
 echo 1 >"$CTL/wl_warning_page"
 
@@ -62,5 +65,10 @@ got=$(FETCH_TIMEOUT=3 fetch "$NS_C0" allowed.test 198.51.100.10 /timeblocked)
 expect "allowed.test stalls for the time-blocked device" "28" "$?"
 got=$(fetch "$NS_C1" allowed.test 198.51.100.10 /other-device)
 expect "another device is not held back" "0 200 65536 " "$? $got"
+# white_mark lives with the kernel's connection: gone when it is destroyed.
+no_white() { test "$(status tables white_connections)" = 0; }
+start=$SECONDS
+e2e_wait 40 "the white connection to be destroyed" no_white
+expect "the white mark goes with the kernel's connection (after $((SECONDS - start)) s)" 0 "$(status tables white_connections)"
 
 e2e_finish
