@@ -92,6 +92,14 @@ page_ok allowed.test /twice && e2e_ok "two daemons answering: bytes as served" |
 sleep 0.3
 expect "two daemons answering: two replies taken" $((before + 2)) "$(status counters replies)"
 port=$(status counters channel_port)
+ip netns exec "$NS_R" python3 "$(dirname "$0")/listen.py" 5 >"$E2E_DIR/listen.out" 2>&1 &
+listener=$!
+e2e_wait 5 "the listener" grep -q listening "$E2E_DIR/listen.out"
+fetch "$NS_C0" allowed.test 198.51.100.10 /wire >/dev/null
+wait $listener
+expect "a request on the wire: to group 1 from dnshookd's port, 576 bytes behind the header, as the filter built it" \
+	"from $port bytes 592 nlmsg_len 592 type 0 flags 0 seq 0 pid 0 kind 0 service 2 family 2 src 10.10.0.2 dst 198.51.100.10 dport 80 url /wire host allowed.test" \
+	"$(tail -1 "$E2E_DIR/listen.out")"
 r python3 - "$port" <<'PY'
 import os, socket, struct, sys
 s = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 2)
