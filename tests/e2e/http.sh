@@ -44,11 +44,13 @@ expect "held copies and forged segments leave by br0 only" 0 "$sent_wan"
 expect "requests sent to the daemon" 4 "$(status counters requests)"
 
 # A blocked connection: the filter plays the client's closing handshake,
-# so the client's end is gone at once. The server is never reset on this
+# so the client's end is gone at once (or after a retransmitted FIN). The server is never reset on this
 # path (the verdict moves the connection straight to the redirect): it has
 # sent its answer and closed its side, and the client's resets of what it
 # retransmits are dropped with the rest of the connection.
 conns() { "$@" ss -Htn state connected "( sport = :80 or dport = :80 )" | grep -v TIME-WAIT | awk '{print $1}' | sort | uniq -c | xargs; }
+client_closed() { test -z "$(conns c0)"; }
+e2e_wait 5 "the client's ends to close" client_closed
 expect "the client's ends of both blocked connections are closed" "" "$(conns c0)"
 expect "the servers' ends have closed their side, unreset" "2 FIN-WAIT-1" "$(conns srv)"
 
