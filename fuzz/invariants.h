@@ -2,8 +2,7 @@
 // Invariants of the filter's tables and of the memory it holds, checked by
 // the whole-filter fuzzer and the soak test after their steps. Each check
 // returns NULL when it holds, else what is wrong.
-#include <map>
-#include <set>
+#include <algorithm>
 
 #include "kmodel/host.h"
 #include "kmodel/net.h"
@@ -19,30 +18,41 @@ namespace invariants {
 const int kWalkLimit = 4 * TRACK_SLOTS;
 
 // Every slot of the blocks on exactly one of their bucket chains or free
-// lists; the age lists hold exactly the slots in use.
+// lists; the age lists hold exactly the slots in use. Counts live in flat
+// arrays: the fuzzers check after every step.
 template <typename Block>
 const char *slots_on_one_list(std::initializer_list<Block *> blocks)
 {
-	std::map<const track_node *, int> chained, aged;
-	for (Block *b : blocks) {
+	const size_t kMax = 2 * TRACK_SLOTS;
+	int chained[kMax] = {}, aged[kMax] = {};
+	long in_use = 0, on_age = 0;
+	if (blocks.size() * TRACK_SLOTS > kMax)
+		return "too many blocks";
+	for (Block *b : blocks)
 		if (!b)
 			return NULL;
-		for (auto &slot : b->slots)
-			chained[&slot.node] = 0, aged[&slot.node] = 0;
-	}
-	long in_use = 0, on_age = 0;
+	auto index = [&](const track_node *node) -> long {
+		size_t base = 0;
+		for (Block *b : blocks) {
+			const char *first = (const char *)&b->slots[0].node;
+			long off = (const char *)node - first;
+			if (off >= 0 && off % (long)sizeof(b->slots[0]) == 0 &&
+			    off / (long)sizeof(b->slots[0]) < TRACK_SLOTS)
+				return (long)base + off / (long)sizeof(b->slots[0]);
+			base += TRACK_SLOTS;
+		}
+		return -1;
+	};
 	auto walk = [&](struct list_head *head, bool age, bool used) -> const char * {
 		int n = 0;
 		for (struct list_head *pos = head->next; pos != head; pos = pos->next) {
 			if (++n > kWalkLimit)
 				return "a list that loops";
-			const track_node *node = age ? container_of(pos, track_node, age_link)
-						     : container_of(pos, track_node, hash_link);
-			auto &seen = age ? aged : chained;
-			auto it = seen.find(node);
-			if (it == seen.end())
+			long i = index(age ? container_of(pos, track_node, age_link)
+					   : container_of(pos, track_node, hash_link));
+			if (i < 0)
 				return "a link to no slot";
-			it->second++;
+			(age ? aged : chained)[i]++;
 			in_use += used;
 			on_age += age;
 		}
@@ -57,12 +67,12 @@ const char *slots_on_one_list(std::initializer_list<Block *> blocks)
 		if (const char *e = walk(&b->pool.age_list, true, false))
 			return e;
 	}
-	for (auto &entry : chained)
-		if (entry.second != 1)
-			return entry.second ? "a slot on two lists" : "a slot on no list";
-	for (auto &entry : aged)
-		if (entry.second > 1)
+	for (size_t i = 0; i < blocks.size() * TRACK_SLOTS; i++) {
+		if (chained[i] != 1)
+			return chained[i] ? "a slot on two lists" : "a slot on no list";
+		if (aged[i] > 1)
 			return "a slot twice on the age list";
+	}
 	return in_use == on_age ? NULL : "the age list does not hold exactly the slots in use";
 }
 
@@ -86,7 +96,8 @@ inline const char *tables(void)
 // buffers; bottom halves are enabled.
 inline const char *buffers(void)
 {
-	std::set<const sk_buff *> held;
+	const sk_buff *held[2 * TRACK_SLOTS];
+	size_t n = 0;
 	for (struct tcp_table_block *t : {tcp_table, tcp_table6}) {
 		if (!t)
 			continue;
@@ -95,11 +106,13 @@ inline const char *buffers(void)
 				continue;
 			if (!kmodel_skb_is_live(rec.held_skb))
 				return "a held copy that is not a live buffer";
-			if (!held.insert(rec.held_skb).second)
-				return "two slots hold one buffer";
+			held[n++] = rec.held_skb;
 		}
 	}
-	if (kmodel_skb_stats_get().live != (long)held.size())
+	std::sort(held, held + n);
+	if (std::adjacent_find(held, held + n) != held + n)
+		return "two slots hold one buffer";
+	if (kmodel_skb_stats_get().live != (long)n)
 		return "a live buffer that is not a held copy";
 	return kmodel_bh_depth() == 0 ? NULL : "bottom halves left disabled";
 }
