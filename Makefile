@@ -4,6 +4,8 @@ BUILD ?= build
 FUZZ_BUILD ?= build-fuzz
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 5
+ASAN_BUILD ?= build-asan
+MIPS_BUILD ?= build-mipsel
 
 .PHONY: all deps build fuzz-build demo test bench clean
 
@@ -27,9 +29,11 @@ demo: build
 
 test: build fuzz-build
 	@cd $(BUILD) && ctest --output-on-failure --timeout 300 -j $(JOBS)
+	@scripts/test-asan.sh $(abspath $(ASAN_BUILD)) $(JOBS)
+	@scripts/test-mipsel.sh $(abspath $(MIPS_BUILD)) $(JOBS)
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
 
 clean:
-	rm -rf $(BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(FUZZ_BUILD) $(ASAN_BUILD) $(MIPS_BUILD)

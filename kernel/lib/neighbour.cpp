@@ -185,6 +185,16 @@ bool kmodel_neigh_alive(const struct neighbour *n) { return !n->dead; }
 long kmodel_neigh_destroyed(void) { return g_destroyed; }
 u32 kmodel_neigh_queued(const struct neighbour *n) { return n->arp_queue.qlen; }
 
+void kmodel_neigh_purge_queues(void)
+{
+	struct neigh_table *tables[] = {&arp_tbl, &nd_tbl};
+
+	for (struct neigh_table *tbl : tables)
+		for (struct neighbour *n = tbl->hash_buckets; n; n = n->next)
+			while (struct sk_buff *skb = queue_head(n))
+				kfree_skb(skb);
+}
+
 void kmodel_neigh_reset(void)
 {
 	struct neigh_table *tables[] = {&arp_tbl, &nd_tbl};

@@ -70,10 +70,13 @@ void kmodel_free_all(void)
 	g_live.clear();
 	g_stats.live_blocks = 0;
 	g_stats.live_bytes = 0;
+	kmodel_skb_free_all();
 }
 
 void kmodel_slab_reset(void)
 {
+	// Blocks still live are the filter's: counted and forgotten.
+	kmodel_left_behind_add(g_stats.live_blocks, g_stats.live_bytes, 0);
 	g_live.clear();
 	g_stats = kmodel_alloc_stats{};
 	g_fail_nth = 0;

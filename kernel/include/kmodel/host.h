@@ -15,8 +15,20 @@ struct nf_hook_ops;
 
 // Puts every part of the model back into its boot state: empty log, no
 // live allocations, no hooks, no proc entries, jiffies at INITIAL_JIFFIES.
-// Memory still held by the filter is forgotten, not freed.
+// What the model owns (devices, routes, neighbours, conntrack entries,
+// sockets, queued and freed buffers) is released, here and at exit. Memory
+// still held by the filter (kmalloc blocks, buffers) is counted in
+// kmodel_left_behind() and forgotten, not freed: a leak checker then judges
+// it, and only what the filter keeps on purpose may be suppressed.
 void kmodel_reset(void);
+
+struct kmodel_leftovers {
+	long blocks;     // kmalloc blocks live at a reset
+	size_t bytes;
+	long buffers;    // socket buffers live at a reset
+};
+// Totals over every reset since the process started.
+kmodel_leftovers kmodel_left_behind(void);
 
 // ---- printk ----
 const std::vector<std::string> &kmodel_log(void);
@@ -41,9 +53,10 @@ void kmodel_fail_alloc_nth(long n);
 // Every kmalloc with exactly these flags fails while set; 0 disarms.
 void kmodel_fail_alloc_flags(gfp_t flags);
 bool kmodel_is_live(const void *p);
-// Frees every block still live. For hosts that load and unload the filter
-// many times in one process (fuzzers): after an unload, what the filter
-// leaks on purpose would otherwise pile up. The filter must not be loaded.
+// Frees every block and every socket buffer still live. For hosts that
+// load and unload the filter many times in one process (fuzzers): after an
+// unload, what the filter leaks on purpose would otherwise pile up. The
+// filter must not be loaded.
 void kmodel_free_all(void);
 
 // ---- random ----

@@ -13,5 +13,12 @@ void kmodel_netlink_reset(void);
 void kmodel_conntrack_reset(void);
 void kmodel_route_reset(void);
 void kmodel_neigh_reset(void);
+// Frees the buffers queued on unresolved neighbours (before the buffers
+// themselves are reset).
+void kmodel_neigh_purge_queues(void);
+// Frees every live buffer outright (kmodel_free_all).
+void kmodel_skb_free_all(void);
+// What kmodel_slab_reset and kmodel_skb_reset forget, added to the totals.
+void kmodel_left_behind_add(long blocks, size_t bytes, long buffers);
 void kmodel_netdev_reset(void);
 void kmodel_ratelimit_reset(void);

@@ -1,0 +1,171 @@
+// libFuzzer target for the whole filter on the simulated router: packets
+// of both families built from the input so that most are well-formed, in
+// any service mode, with control-file writes, daemon replies (malformed
+// ones too), clock jumps across the wrap, conntrack expiry and refused
+// allocations. The table and buffer invariants (fuzz/invariants.h) are
+// checked after every step.
+//
+// Input: a mode byte (bit 0 WP, bit 1 PC), then steps [op] [a] [b] [n]
+// [n bytes], op & 7 choosing:
+//   0 a packet: a bit 0 IPv6, bits 1-2 TCP / UDP / DNS query-or-answer /
+//     raw bytes, bit 3 from the server, bit 4 via br1, bits 5-7 the client
+//     (8 of them: the time-blocked and the exempted device among them);
+//     b picks the server port (80, 443, 53, 8443 or 1024 + b) and, bit 7,
+//     an IPv4 fragment; the bytes are the TCP flags and the payload; op
+//     bits 3-4 make 20, 40 or 60 bytes linear instead of all
+//   1 a DNS answer giving server b's addresses for name a % 16
+//   2 replies to the requests the daemon holds: verdict a & 3 (3 an
+//     unknown code), b bit 0 a short buffer (b bytes), bit 1 another kind,
+//     bit 2 another service, bit 3 every reply twice, bit 4 a long address
+//   3 the bytes written to control file a & 3
+//   4 the clock moves by a * 256 + b ticks, by 2^31 when a is 255
+//   5 every conntrack entry expires
+//   6 allocation a % 8 + 1 from now fails (kmalloc, or a buffer if b & 1)
+//   7 the service switches: WP a & 1, PC a & 2
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "core/rating.h"
+#include "fuzz/invariants.h"
+#include "fuzz/populate.h"
+#include "kmodel/host.h"
+#include "kmodel/net.h"
+
+namespace {
+
+const char *const kFiles[] = {"wl_warning_page", "pcg_proc", "tblock_proc", "unblock_proc"};
+const char *const kClients4[] = {"192.168.1.10", "192.168.1.11", "192.168.1.12", "192.168.1.13"};
+const char *const kClients6[] = {"2001:db8:1::10", "2001:db8:1::11", "2001:db8:1::12", "2001:db8:1::13"};
+
+std::string server4(uint8_t b) { return "93.184.216." + std::to_string(1 + b % 250); }
+std::string server6(uint8_t b) { return "2001:db8:2::" + std::to_string(1 + b % 250); }
+std::string name(uint8_t a) { return "n" + std::to_string(a % 16) + ".example"; }
+
+sim::Mac client_mac(int who)
+{
+	// 0: the time-blocked device, 1: the exempted one.
+	return {0x00, 0x11, 0x22, 0x33, 0x44, uint8_t(0x55 + who)};
+}
+
+void packet(sim::Router &r, uint8_t op, uint8_t a, uint8_t b, const uint8_t *p, size_t n)
+{
+	bool v6 = a & 1, from_server = a & 8;
+	int kind = (a >> 1) & 3, who = a >> 5;
+	struct net_device *lan = (a & 0x10) ? r.br1() : r.br0();
+	static const uint16_t ports[] = {80, 443, 53, 8443};
+	uint16_t port = (b & 0x7f) < 4 ? ports[b & 3] : uint16_t(1024 + (b & 0x7f));
+	std::string client = v6 ? kClients6[who & 3] : kClients4[who & 3];
+	std::string server = v6 ? server6(b) : server4(b);
+	uint8_t flags = n ? p[0] : 0;
+	std::string payload(p + (n ? 1 : 0), p + n);
+	sim::Bytes ip;
+	if (kind == 3) {
+		ip.assign(p, p + n);
+	} else if (kind == 2 && v6) {
+		// No IPv6 resolver: a datagram to port 53 of the input's bytes.
+		ip = fuzz::l4(true, client.c_str(), server.c_str(), 40001, 53, 0, 0, 0, payload);
+	} else if (kind == 2) {
+		std::string dns = fuzz::dns_answer(name(flags), server4(b).c_str(), server6(b).c_str(), from_server);
+		ip = fuzz::l4(true, from_server ? fuzz::kResolver : client.c_str(),
+			      from_server ? client.c_str() : fuzz::kResolver, from_server ? 53 : 40001,
+			      from_server ? 40001 : 53, 0, 0, 0, dns);
+	} else {
+		uint16_t cport = uint16_t(40000 + (who & 3));
+		const char *src = from_server ? server.c_str() : client.c_str();
+		const char *dst = from_server ? client.c_str() : server.c_str();
+		ip = fuzz::l4(kind == 1, src, dst, from_server ? port : cport, from_server ? cport : port, flags,
+			      1000 + flags, 500, payload);
+		if (!v6 && (b & 0x80) && ip.size() > 20)
+			ip[6] |= 0x20; // more fragments
+	}
+	if (ip.empty())
+		return;
+	size_t linear = (op >> 3) & 3 ? (size_t)((op >> 3) & 3) * 20 : ip.size();
+	sim::Mac mac = client_mac(who);
+	if (from_server)
+		r.forward(ip, r.wan(), lan, sim::kGatewayMac, linear);
+	else
+		r.forward(ip, lan, r.wan(), mac, linear);
+}
+
+void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b)
+{
+	for (const sim::Bytes &q : daemon.read_payloads()) {
+		struct rating_reply rep;
+		memset(&rep, 0, sizeof(rep));
+		memcpy(&rep, q.data(), std::min(q.size(), offsetof(struct rating_reply, verdict)));
+		rep.kind = (b & 2) ? a : RATING_KIND_REPLY;
+		rep.service += (b & 4) ? 3 : 1;
+		static const u32 verdicts[] = {PASS, WHITE_PASS, BLOCK, 77};
+		rep.verdict = verdicts[a & 3];
+		if (b & 0x10)
+			memset(rep.redirect_url, 'u', sizeof(rep.redirect_url) - 1);
+		else
+			strcpy(rep.redirect_url, "http://block.example/");
+		size_t len = (b & 1) ? std::min<size_t>(b, sizeof(rep)) : sizeof(rep);
+		for (int i = 0; i < ((b & 8) ? 2 : 1); i++)
+			daemon.send(0, &rep, len);
+	}
+}
+
+void check(void)
+{
+	if (invariants::tables() || invariants::buffers())
+		abort();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+	if (size < 1)
+		return 0;
+	{
+		sim::Router r;
+		sim::NetlinkPeer daemon;
+		if (!fuzz::boot(r, data[0]))
+			abort();
+		r.route("2001:db8::/32", r.wan(), KMODEL_OUT_HH, &sim::kGatewayMac);
+		r.write_proc("tblock_proc", "add 00:11:22:33:44:55\n");
+		r.write_proc("unblock_proc", "+|00:11:22:33:44:56");
+		size_t pos = 1;
+		while (pos + 4 <= size) {
+			uint8_t op = data[pos], a = data[pos + 1], b = data[pos + 2];
+			size_t n = std::min<size_t>(data[pos + 3], size - pos - 4);
+			const uint8_t *p = data + pos + 4;
+			pos += 4 + n;
+			switch (op & 7) {
+			case 0: packet(r, op, a, b, p, n); break;
+			case 1: {
+				std::string dns = fuzz::dns_answer(name(a), server4(b).c_str(), server6(b).c_str(), true);
+				sim::Bytes ip = fuzz::l4(true, fuzz::kResolver, fuzz::kClient, 53, 40001, 0, 0, 0, dns);
+				r.forward(ip, r.wan(), r.br0(), sim::kGatewayMac);
+				break;
+			}
+			case 2: replies(daemon, a, b); break;
+			case 3: kmodel_proc_write(kFiles[a & 3], p, n); break;
+			case 4: r.advance(a == 255 ? 0x80000000u : a * 256u + b); break;
+			case 5: r.conntrack_expire_all(); break;
+			case 6:
+				if (b & 1)
+					kmodel_fail_skb_alloc_nth(a % 8 + 1);
+				else
+					kmodel_fail_alloc_nth(a % 8 + 1);
+				break;
+			default:
+				r.write_proc("wl_warning_page", (a & 1) ? "1\n" : "0\n");
+				r.write_proc("pcg_proc", (a & 2) ? "1\n" : "0\n");
+			}
+			check();
+		}
+		kmodel_fail_alloc_nth(0);
+		kmodel_fail_skb_alloc_nth(0);
+		r.unload();
+	}
+	kmodel_free_all();
+	kmodel_reset();
+	return 0;
+}

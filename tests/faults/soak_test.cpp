@@ -1,0 +1,155 @@
+// A short soak: seeded, mixed and churning traffic on the loaded filter
+// (many clients of both families, HTTP connections opened and left
+// half-way, DNS answers, rated flows, a daemon that answers late, never or
+// with any verdict, list and service changes, the clock across the wrap).
+// Checked every few hundred steps: every slot of every table is on
+// exactly one list (a bucket chain or the free list, the two HTTP tables
+// together since slots move between them), the age lists hold exactly the
+// slots in use, the only live buffers are the held copies, and the live
+// blocks are the tables' plus the list entries ever made.
+// The standard headers come first: the kernel headers define __init.
+#include <map>
+#include <random>
+#include <set>
+
+#include "hooks/fixture.h"
+
+#include "fuzz/invariants.h"
+
+#include "kmodel/host.h"
+#include "kmodel/net.h"
+#include "lists/tblock.h"
+#include "lists/unblock.h"
+
+namespace {
+
+using namespace hooks_test;
+
+class Soak : public HookTest {
+protected:
+	std::mt19937 rng{ 20261122 };
+	uint32_t pick(uint32_t n) { return rng() % n; }
+
+	std::vector<Conn> conns;
+	std::vector<int> stage;
+	std::vector<rating_request> pending; // requests the daemon holds
+	long list_entries = 0; // adds attempted: an upper bound of entries made
+	long base_blocks = 0;
+
+	std::string client4(uint32_t i) { return "192.168.1." + std::to_string(10 + i % 40); }
+	std::string server4(uint32_t i) { return "93.184.216." + std::to_string(1 + i % 200); }
+	sim::Mac mac(uint32_t i) { return { 0x00, 0x11, 0x22, 0x33, 0x44, uint8_t(0x50 + i % 8) }; }
+
+	void http_step()
+	{
+		// Up to 260 open connections: more than the 200 slots.
+		if (conns.size() < 260 && pick(3) == 0) {
+			Conn c = conn(uint16_t(30000 + pick(30000)), pick(4) == 0);
+			uint32_t who = pick(256);
+			c.client = sim::ip4(client4(who).c_str());
+			c.server = sim::ip4(server4(pick(256)).c_str());
+			c.client6[15] = uint8_t(who);
+			conns.push_back(c);
+			stage.push_back(0);
+		}
+		if (conns.empty())
+			return;
+		size_t i = pick(conns.size());
+		Conn &c = conns[i];
+		sim::Mac m = mac(c.cport);
+		switch (stage[i]++) {
+		case 0: up(c.up(sim::SYN), m); break;
+		case 1: down(c.down(sim::SYN | sim::ACK)); break;
+		case 2: up(c.up(sim::ACK), m); break;
+		case 3: up(c.up(sim::PSH | sim::ACK, get_request("h" + std::to_string(pick(50)) + ".example")), m); break;
+		case 4: down(c.down(sim::ACK)); break;
+		case 5: up(c.up(pick(2) ? sim::FIN | sim::ACK : sim::ACK), m); break;
+		default:
+			down(c.down(sim::FIN | sim::ACK));
+			conns.erase(conns.begin() + i);
+			stage.erase(stage.begin() + i);
+		}
+	}
+
+	void dns_and_flow_step()
+	{
+		std::string name = "f" + std::to_string(pick(120)) + ".example";
+		std::string c = client4(pick(256)), s = server4(pick(256));
+		if (pick(2)) {
+			up(udp(c.c_str(), kResolver, 40001, 53, dns_query(3, name)));
+			down(udp(kResolver, c.c_str(), 53, 40001,
+				 dns_response(3, name, { s.c_str() }, { "2001:db8:2::50" })));
+		}
+		uint16_t port = pick(2) ? 443 : uint16_t(1000 + pick(5000));
+		up(tcp(c.c_str(), s.c_str(), uint16_t(41000 + pick(100)), port, pick(2) ? sim::SYN : sim::ACK), mac(pick(8)));
+	}
+
+	void daemon_step()
+	{
+		for (const rating_request &q : requests())
+			pending.push_back(q);
+		while (!pending.empty() && pick(3)) {
+			size_t i = pick(pending.size());
+			rating_request q = pending[i];
+			pending.erase(pending.begin() + i);
+			if (pick(5) == 0)
+				continue; // lost
+			rating_reply a = {};
+			memcpy(&a, &q, 48);
+			a.kind = RATING_KIND_REPLY;
+			a.service = q.service + 1;
+			a.verdict = pick(4);
+			strncpy(a.redirect_url, kBlockUrl, sizeof(a.redirect_url) - 1);
+			peer.send(0, &a, sizeof(a));
+		}
+	}
+
+	void control_step()
+	{
+		char m[32];
+		snprintf(m, sizeof(m), "00:11:22:33:44:%02x", 0x50 + pick(8));
+		switch (pick(6)) {
+		case 0: list_entries++, r.write_proc("tblock_proc", std::string("add ") + m + "\n"); break;
+		case 1: r.write_proc("tblock_proc", std::string("del ") + m + "\n"); break;
+		case 2: list_entries++, r.write_proc("unblock_proc", std::string("+|") + m); break;
+		case 3: r.write_proc("unblock_proc", std::string("-|") + m); break;
+		default: services(pick(2), pick(2));
+		}
+	}
+
+	void check()
+	{
+		EXPECT_STREQ(nullptr, invariants::tables());
+		EXPECT_STREQ(nullptr, invariants::buffers());
+		long blocks = kmodel_alloc_stats_get().live_blocks;
+		EXPECT_LE(blocks, base_blocks + list_entries);
+		EXPECT_GE(blocks, base_blocks);
+	}
+};
+
+TEST_F(Soak, MixedChurningTrafficKeepsTheTablesAndMemoryConsistent)
+{
+	services(true, true);
+	r.route("8.8.8.0/24", r.wan(), KMODEL_OUT_HH, &sim::kGatewayMac);
+	base_blocks = kmodel_alloc_stats_get().live_blocks;
+	const uint32_t start = r.now();
+	bool wrapped = false;
+	for (int step = 1; step <= 50000; step++) {
+		switch (pick(10)) {
+		case 0: case 1: case 2: case 3: http_step(); break;
+		case 4: case 5: dns_and_flow_step(); break;
+		case 6: case 7: daemon_step(); break;
+		case 8: if (pick(20) == 0) control_step(); break;
+		default: r.advance(pick(8) == 0 ? 70000 : pick(3000));
+		}
+		wrapped |= r.now() < start;
+		if (step % 500 == 0) {
+			check();
+			if (HasFatalFailure() || HasFailure())
+				FAIL() << "at step " << step;
+		}
+	}
+	EXPECT_TRUE(wrapped) << "the clock did not cross the wrap";
+}
+
+} // namespace
