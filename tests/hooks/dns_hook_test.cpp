@@ -163,7 +163,7 @@ TEST_F(DnsHook, TheNewestQueryTakesTheAnswer)
 TEST_F(DnsHook, UpdateHostRecordsAreNeverDuplicatedAndSurviveSweeps)
 {
 	services(true, false);
-	const char *host = fw_update_host;
+	const char *host = FW_UPDATE_HOST;
 	// Written in capitals by the client; the decoder lower-cases it.
 	std::string upper = host;
 	for (auto &c : upper)
@@ -188,12 +188,11 @@ TEST_F(DnsHook, UpdateHostRecordsAreNeverDuplicatedAndSurviveSweeps)
 	after.push_back({ "203.0.113.5", "late.example.test", 0, 0 });
 	EXPECT_EQ(after, pct_records());
 
-	// Another name can be given to the filter before it loads.
-	set_fw_update_host("Updates.Router.Test");
-	EXPECT_TRUE(is_fw_update_host("updates.router.test"));
-	EXPECT_FALSE(is_fw_update_host("updates.router.test.evil"));
-	set_fw_update_host(nullptr);
-	EXPECT_STREQ(host, fw_update_host);
+	// The whole name, in any case, and nothing longer or shorter.
+	std::string longer = std::string(host) + ".evil", shorter(host, strlen(host) - 1);
+	EXPECT_TRUE(is_fw_update_host(upper.c_str()));
+	EXPECT_FALSE(is_fw_update_host(longer.c_str()));
+	EXPECT_FALSE(is_fw_update_host(shorter.c_str()));
 }
 
 TEST_F(DnsHook, CollisionsAndMalformedDatagrams)

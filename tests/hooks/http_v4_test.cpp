@@ -290,6 +290,50 @@ TEST_F(HookTest, HttpLateDuplicateAndUnknownReplies)
 		  kmodel_log());
 }
 
+// The block page's address is the record's bounded copy: a reply whose 512
+// address bytes hold no NUL gives a Location of 511 characters. A slot that
+// a new connection takes over no longer holds the old connection's copy, so
+// a reply for the new one replays nothing.
+TEST_F(HookTest, HttpBlockPageAddressIsBoundedAndReusedSlotsHoldNoCopy)
+{
+	services(true, false);
+	Conn c;
+	handshake(c);
+	const std::string request = get_request("a.example");
+	Conn before = c;
+	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, request)).accepted());
+	auto reqs = requests();
+	ASSERT_EQ(1u, reqs.size());
+	rating_reply a = {};
+	memcpy(&a, &reqs[0], 48);
+	a.kind = RATING_KIND_REPLY, a.service = RATING_WP_REPLY, a.verdict = BLOCK;
+	memset(a.redirect_url, 'v', sizeof(a.redirect_url));
+	r.clear_sent();
+	send(a);
+	auto got = to_client();
+	ASSERT_EQ(2u, got.size());
+	EXPECT_EQ(sim::hex(expected_redirect(before, request, std::string(511, 'v').c_str())), sim::hex(got[1]));
+
+	// A connection waits for its verdict, expires, and its slot goes to
+	// the next connection; the reply for the new one finds no copy.
+	Conn old = conn(41000), next = conn(41001);
+	handshake(old);
+	ASSERT_TRUE(up(old.up(sim::ACK | sim::PSH, request)).accepted());
+	ASSERT_EQ(1u, requests().size());
+	struct tcp_tracking *slot = record(old);
+	ASSERT_NE(nullptr, slot->held_skb);
+	r.advance(60001);
+	ASSERT_TRUE(up(next.up(sim::SYN)).accepted());
+	ASSERT_EQ(slot, record(next));
+	EXPECT_EQ(nullptr, slot->held_skb);
+	EXPECT_EQ(0, kmodel_skb_stats_get().live);
+	rating_request for_next = reqs[0];
+	for_next.src_port = htons(next.cport);
+	r.clear_sent();
+	reply(for_next, PASS);
+	EXPECT_TRUE(r.sent().empty());
+}
+
 // A table full of connections waiting for verdicts: the 101st takes over
 // the oldest, whose held copy goes with it; the others are still served.
 TEST_F(HookTest, HttpFullTableOfConnectionsWaitingForVerdicts)

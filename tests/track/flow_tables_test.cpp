@@ -76,7 +76,9 @@ protected:
 	}
 	void TearDown() override
 	{
+		void *dns = dns_table;
 		fini_flow_tables();
+		EXPECT_EQ(dns, dns_table) << "the DNS cache's pointer outlives its block";
 		EXPECT_EQ(0, kmodel_alloc_stats_get().live_blocks);
 	}
 };
