@@ -334,6 +334,47 @@ TEST_F(HookTest, HttpBlockPageAddressIsBoundedAndReusedSlotsHoldNoCopy)
 	EXPECT_TRUE(r.sent().empty());
 }
 
+// Where the headers lie in the buffer does not decide whether a segment
+// is filtered: headers outside the linear area are pulled in and read. A
+// data offset that runs past the linear bytes gives a negative payload
+// length: no segment "without payload", and an empty request text.
+TEST_F(HookTest, HttpHeadersOutsideTheLinearAreaAndLyingDataOffsets)
+{
+	services(true, false);
+	for (bool v6 : { false, true }) {
+		SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
+		const size_t thoff = v6 ? 40 : 20;
+		// Only the first bytes of the network header are linear.
+		Conn c = conn(v6 ? 41100 : 41000, v6);
+		for (uint8_t flags : { sim::SYN, sim::ACK })
+			ASSERT_TRUE(r.forward(c.up(flags), lan, r.wan(), sim::kClientMac, 10).accepted());
+		ASSERT_NE(nullptr, record(c));
+		EXPECT_EQ(STATE_ESTAB, record(c)->state);
+		// The payload is read from the linear bytes only: none here, an
+		// undecodable request, which WP drops.
+		EXPECT_FALSE(r.forward(c.up(sim::ACK | sim::PSH, get_request("far.example")), lan, r.wan(),
+				       sim::kClientMac, 10).accepted());
+		EXPECT_EQ(STATE_ESTAB, record(c)->state);
+		EXPECT_TRUE(requests().empty());
+
+		// Options claimed up to 60 bytes, 20 bytes behind the header.
+		auto lying = [&](Conn &k, uint8_t flags) {
+			Bytes p = k.up(flags, std::string(20, 'z'));
+			p[thoff + 12] = 0xf0;
+			return p;
+		};
+		Conn s = conn(v6 ? 41101 : 41001, v6);
+		EXPECT_TRUE(up(lying(s, sim::SYN)).accepted());
+		EXPECT_EQ(nullptr, record(s)) << "a SYN with payload is not tracked";
+		Conn e = conn(v6 ? 41102 : 41002, v6);
+		handshake(e);
+		EXPECT_FALSE(up(lying(e, sim::ACK | sim::PSH)).accepted()) << "an empty text is no request: WP drops";
+		EXPECT_EQ(STATE_ESTAB, record(e)->state);
+		EXPECT_EQ(v6 ? 0u : 4u, record(e)->req_len);
+		EXPECT_TRUE(requests().empty());
+	}
+}
+
 // A table full of connections waiting for verdicts: the 101st takes over
 // the oldest, whose held copy goes with it; the others are still served.
 TEST_F(HookTest, HttpFullTableOfConnectionsWaitingForVerdicts)
