@@ -209,21 +209,7 @@ TEST_F(Tables, FlowTablesKeepTheirOwnDeadlines)
 	EXPECT_NE(nullptr, pct6_find(b.b));
 }
 
-TEST_F(Tables, IPv6FlowBucketIsTheFourthByteOnly)
-{
-	pct6_hash_seed = 0x0badcafe;
-	Addr6 x("2001:0db8:1111:2222:3333:4444:5555:6666"); // byte 3 is 0xb8
-	Addr6 y("fe80:00b8::1");                              // byte 3 is 0xb8 too
-	pct6_add("x.example", x.b, 0);
-	pct6_add("y.example", y.b, 0);
-	EXPECT_EQ((std::vector<int>{ 1, 0 }), view(&pct6_table->pool, pct6_table->slots).buckets[pct6_hash(0xb8)]);
-	EXPECT_STREQ("x.example", pct6_find(x.b)->host);
-	EXPECT_STREQ("y.example", pct6_find(y.b)->host);
-	Addr6 z("2001:0db9:1111:2222:3333:4444:5555:6666"); // differs in byte 3 only
-	EXPECT_EQ(nullptr, pct6_find(z.b));
-}
-
-TEST_F(Tables, HttpsRecordsBothWaysForIPv4AndByDestinationForIPv6)
+TEST_F(Tables, HttpsTrustConntrackAndWithdrawal)
 {
 	iphdr up{}, down{};
 	up.saddr = down.daddr = ip4("192.168.1.2");
@@ -242,22 +228,8 @@ TEST_F(Tables, HttpsRecordsBothWaysForIPv4AndByDestinationForIPv6)
 	EXPECT_EQ(-1, ssl_update_nfconn(rec, &skb));
 	EXPECT_EQ(nullptr, rec->nfconn);
 
-	// IPv6: the all-zero client stands for any client; the bucket is the
-	// low seven bits of the destination's byte 12.
-	ipv6hdr to_server{}, to_client{};
-	Addr6 server("2001:db8:5::8500:1"), any("::"), host("2001:db8:1::7:1");
-	memcpy(&to_server.saddr, host.b, 16);
-	memcpy(&to_server.daddr, server.b, 16);
-	to_client.saddr = to_server.daddr;
-	to_client.daddr = to_server.saddr;
+	const Addr6 server("2001:db8:5::8500:1"), any("::");
 	ssl6_add(any.b, server.b, "six.example", STATE_ESTAB);
-	EXPECT_EQ(1u, view(&ssl6_table->pool, ssl6_table->slots).buckets[0x85 & 127].size());
-	ssl6_tracking *rec6 = ssl6_find(&to_server);
-	ASSERT_NE(nullptr, rec6);
-	EXPECT_EQ(nullptr, ssl6_find(&to_client)) << "looked up in the client's bucket";
-	// A client address with the same byte 12 lands in the record's bucket.
-	to_client.daddr.s6_addr[12] = 0x05;
-	EXPECT_EQ(rec6, ssl6_find(&to_client));
 
 	// Withdrawing trust logs one line per record with its bucket number
 	// (the sum of the address words as loaded): buckets in order, within one
