@@ -97,39 +97,70 @@ TEST_F(HttpsHook, UntrustedFlowsAreRatedByEveryPacketUntilAVerdict)
 	EXPECT_EQ(1, ssl_records().back().trust);
 }
 
-TEST_F(HttpsHook, ExemptionsTimeBlocksAndConntrack)
+TEST_F(HttpsHook, ExemptionsTimeBlocksAndConntrackInBothFamilies)
 {
-	auto unrecorded = tcp(kClient, "203.0.113.80", 40000, 443);
-	EXPECT_TRUE(up(unrecorded).accepted()); // unlisted device
+	struct {
+		const char *client, *server, *unrecorded, *resolver;
+	} fams[] = {
+		{ kClient, kServer, "203.0.113.80", kResolver },
+		{ "2001:db8:1::10", "2001:db8:2::443", "2001:db8:2::99", "2001:4860::8888" },
+	};
+	for (auto &f : fams) {
+		SCOPED_TRACE(f.client);
+		const bool v6 = strchr(f.client, ':');
+		auto unrecorded = tcp(f.client, f.unrecorded, 40000, 443);
+		auto recorded = tcp(f.client, f.server, 40000, 443);
+		EXPECT_TRUE(up(unrecorded).accepted()); // unlisted device
 
-	ASSERT_EQ(0, tblk_insert(sim::kClientMac.data()));
-	EXPECT_TRUE(dropped(up(unrecorded)));
-	r.conntrack(unrecorded)->white_mark = 1;
-	EXPECT_TRUE(up(unrecorded).accepted());
-	r.set_tracking(false);
-	kmodel_log_clear();
-	EXPECT_TRUE(dropped(up(unrecorded)));
-	EXPECT_EQ(Lines{ "<3>[is_white_conn]: no conntrack!\n\n" }, kmodel_log());
-	// A recorded flow without conntrack: dropped without a word or a request.
-	resolve(kName, { kServer });
-	kmodel_log_clear();
-	EXPECT_TRUE(dropped(up(tcp(kClient, kServer, 40000, 443))));
-	EXPECT_EQ(Lines{}, kmodel_log());
-	EXPECT_TRUE(requests().empty());
-	r.set_tracking(true);
+		ASSERT_EQ(0, tblk_insert(sim::kClientMac.data()));
+		EXPECT_TRUE(dropped(up(unrecorded)));
+		// The MAC is the frame's on either bridge: another device on br1
+		// is not the listed one.
+		EXPECT_TRUE(r.forward(unrecorded, r.br1(), r.wan(), kClient2Mac).accepted());
+		EXPECT_TRUE(dropped(r.forward(unrecorded, r.br1(), r.wan(), sim::kClientMac)));
+		// DNS with at least 13 bytes of payload and HTTP are not judged.
+		for (size_t len : { 12, 13 }) {
+			auto dns = udp(f.client, f.resolver, 40001, 53, Bytes(len, 0));
+			EXPECT_EQ(len == 13, r.forward(dns, lan, r.wan(), sim::kClientMac).accepted()) << len;
+		}
+		r.conntrack(unrecorded)->white_mark = 1;
+		EXPECT_TRUE(up(unrecorded).accepted());
+		r.set_tracking(false);
+		kmodel_log_clear();
+		// The HTTP hook's own IPv6 lines aside.
+		auto lines = [] {
+			Lines out;
+			for (const auto &l : kmodel_log())
+				if (l.rfind("<7>[forward_hook6]", 0))
+					out.push_back(l);
+			return out;
+		};
+		EXPECT_TRUE(dropped(up(unrecorded)));
+		EXPECT_EQ(Lines{ "<3>[is_white_conn]: no conntrack!\n\n" }, lines());
+		// A recorded flow without conntrack: dropped without a word or a request.
+		up(udp(f.client, f.resolver, 40001, 53, dns_query(1, kName, v6 ? 28 : 1)));
+		down(udp(f.resolver, f.client, 53, 40001,
+			 v6 ? dns_response(1, kName, {}, { f.server }) : dns_response(1, kName, { f.server })));
+		kmodel_log_clear();
+		EXPECT_TRUE(dropped(up(recorded)));
+		EXPECT_EQ(Lines{}, lines());
+		EXPECT_TRUE(requests().empty());
+		r.set_tracking(true);
 
-	// A live exemption passes everything, recorded or not.
-	ASSERT_EQ(0, ublk_insert(sim::kClientMac.data(), "", 0));
-	EXPECT_TRUE(up(unrecorded).accepted());
-	r.conntrack(unrecorded)->white_mark = 0;
-	EXPECT_TRUE(up(tcp(kClient, kServer, 40000, 443)).accepted());
-	EXPECT_TRUE(requests().empty());
-	// Expired: deleted by the next packet, which is judged.
-	r.advance(900000);
-	EXPECT_TRUE(dropped(up(tcp(kClient, kServer, 40000, 443))));
-	EXPECT_EQ(1u, requests().size());
-	int expired = 0;
-	EXPECT_EQ(nullptr, ublk_get(sim::kClientMac.data(), &expired));
+		// A live exemption passes everything, recorded or not.
+		ASSERT_EQ(0, ublk_insert(sim::kClientMac.data(), "", 0));
+		EXPECT_TRUE(up(unrecorded).accepted());
+		r.conntrack(unrecorded)->white_mark = 0;
+		EXPECT_TRUE(up(recorded).accepted());
+		EXPECT_TRUE(requests().empty());
+		// Expired: deleted by the next packet, which is judged.
+		r.advance(900000);
+		EXPECT_TRUE(dropped(up(recorded)));
+		EXPECT_EQ(1u, requests().size());
+		int expired = 0;
+		EXPECT_EQ(nullptr, ublk_get(sim::kClientMac.data(), &expired));
+		tblk_flush();
+	}
 }
 
 TEST_F(HttpsHook, WithWpOnPcJudgesOnlyTheSecondBridge)
