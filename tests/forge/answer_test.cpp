@@ -36,6 +36,8 @@ Bytes redirect(Ip ip, const sim::Tcp &t, uint32_t datalen, const std::string &ur
 	std::swap(ip.src, ip.dst);
 	if constexpr (std::is_same_v<Ip, sim::Ip4>)
 		ip.ttl = 255, ip.id = 0, ip.frag = 0;
+	else
+		ip.hop_limit = 64;
 	sim::Tcp o;
 	o.sport = t.dport, o.dport = t.sport, o.seq = t.ack, o.ack = t.seq + datalen;
 	o.flags = (t.flags & (sim::ECE | sim::CWR)) | sim::PSH | sim::ACK;

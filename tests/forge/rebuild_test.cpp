@@ -31,6 +31,10 @@ TEST_F(Forge, ReverseRebuildIPv4SetsEveryFieldForEachSelector)
 			int refs = kmodel_ct_refs(ct);
 			struct sk_buff *n = rebuild_packet(skb, 300, c.sel, 1);
 			ASSERT_NE(nullptr, n);
+			const struct flowi &fl = kmodel_route_last_flowi(AF_INET);
+			EXPECT_EQ(kClient, fl.fl4_dst);
+			EXPECT_EQ(0u, fl.fl4_src);
+			EXPECT_EQ(0x12, fl.fl4_tos) << "TOS bits of the route's mask only";
 			EXPECT_EQ(nullptr, n->nfct) << "reverse rebuilds are untracked";
 			EXPECT_EQ(refs, kmodel_ct_refs(ct)) << "the copy's reference was dropped";
 			EXPECT_EQ(r.br0(), n->dev);
@@ -115,6 +119,12 @@ TEST_F(Forge, RebuildIPv6WithAndWithoutExtensionHeaders)
 	ASSERT_EQ(40, off);
 	struct sk_buff *n = rebuild_packet6(skb, 100, REBUILD_ACK, &off, 1);
 	ASSERT_NE(nullptr, n);
+	const struct flowi &fl = kmodel_route_last_flowi(AF_INET6);
+	EXPECT_EQ(0, memcmp(&fl.fl6_dst, kClient6.data(), 16));
+	EXPECT_EQ(0, memcmp(&fl.fl6_src, kServer6.data(), 16));
+	EXPECT_EQ(htons(80), fl.fl_ip_sport);
+	EXPECT_EQ(htons(40000), fl.fl_ip_dport);
+	EXPECT_EQ(0u, fl.fl6_flowlabel);
 	EXPECT_EQ(nullptr, n->nfct);
 	EXPECT_EQ(htons(0x86DD), n->protocol);
 	ASSERT_EQ(0, output_packet(n));
