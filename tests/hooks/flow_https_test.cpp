@@ -76,14 +76,18 @@ TEST_F(HttpsHook, UntrustedFlowsAreRatedByEveryPacketUntilAVerdict)
 	reply(req[2], BLOCK);
 	EXPECT_EQ(Lines{ "<7>[receive_from_user]: [PC]non-HTTP: host=chat.example.test --> BLOCK\n" },
 		  kmodel_log());
-	// Blocked for good, each packet keeping the record alive.
+	// Blocked for good, each packet keeping the record alive through the
+	// sweep that the next answer's record brings.
 	r.neighbour(kClient, r.br0(), sim::kClientMac, NUD_REACHABLE, 0);
 	for (int i = 0; i < 3; i++) {
 		r.advance(50000);
 		EXPECT_TRUE(dropped(up(pkt)));
 		EXPECT_TRUE(dropped(down(tcp(kServer, kClient, 443, 40000))));
 	}
-	ASSERT_EQ(1u, ssl_records().size());
+	r.advance(50000);
+	resolve("next.example.test", { "198.51.100.44" });
+	ASSERT_EQ(2u, ssl_records().size());
+	EXPECT_EQ(kName, ssl_records()[0].host);
 	EXPECT_TRUE(requests().empty());
 
 	// Another flow: WHITE_PASS passes it and marks its connection white.
