@@ -155,6 +155,18 @@ TEST_F(HookTest, HttpIpv6CollectionLimitsAndPacketsLeftAlone)
 	EXPECT_EQ(STATE_ESTAB, record(c)->state) << "no Host line: undecodable, WP drops";
 	EXPECT_FALSE(up(c.up(sim::ACK, "more")).accepted()) << "no room left";
 
+	// The held text must hold 5 characters before its end is looked at:
+	// "\r\n\r\n" alone is dropped, one more character makes an undecodable
+	// request, which PC alone lets an unlisted device send.
+	services(false, true);
+	for (const char *text : { "\r\n\r\n", "x\r\n\r\n" }) {
+		Conn t = conn(text[0] == 'x' ? 40006 : 40005, true);
+		handshake(t);
+		EXPECT_EQ(text[0] == 'x', up(t.up(sim::ACK, text)).accepted()) << text;
+		EXPECT_EQ(STATE_ESTAB, record(t)->state);
+	}
+	services(true, false);
+
 	// An empty Host value is dropped and stays in ESTAB.
 	Conn e = conn(40001, true);
 	handshake(e);
