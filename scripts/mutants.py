@@ -19,7 +19,9 @@ Run it on a COPY of the tree, never on a work tree:
     nice -n 19 scripts/mutants.py /tmp/mut COUNT [SEED] [--skip N]
 
 --skip N leaves out the first N faults of the sample (to continue a sample in batches;
-the scores of the batches add up). Exit code: 0 when done, 2 on bad arguments."""
+the scores of the batches add up). --recheck REPORT runs again only the survivors listed
+in the JSON report of an earlier run (the lines between its first "{" and the score line),
+for instance after tests were added. Exit code: 0 when done, 2 on bad arguments."""
 import json
 import os
 import random
@@ -116,6 +118,12 @@ def run_tests(build, programs, first, env):
 def main():
     args = [a for a in sys.argv[1:]]
     skip = 0
+    only = None
+    if "--recheck" in args:
+        i = args.index("--recheck")
+        text = open(args[i + 1]).read()
+        only = set(json.loads(text[text.index("\n{") + 1:text.rindex("}") + 1])["survivors"])
+        del args[i:i + 2]
     if "--skip" in args:
         i = args.index("--skip")
         skip = int(args[i + 1])
@@ -140,8 +148,17 @@ def main():
     done = 0
     start = time.time()
     for c in cands:
-        if done >= n + skip:
+        if done >= n + skip or (only is not None and not only):
             break
+        if only is not None:
+            rel, i, a, b, k = c
+            line = open(os.path.join(root, rel)).read().split("\n")[i]
+            orig, old, new = apply(root, c)
+            open(os.path.join(root, rel), "w").write(orig)
+            name = f"{rel}:{i+1}: {old.strip()}  =>  {new.strip()}"
+            if name not in only:
+                continue
+            only.discard(name)
         orig, old, new = apply(root, c)
         try:
             b = subprocess.run(["cmake", "--build", "b", "-j2", "--target"] + targets, cwd=root,
