@@ -157,6 +157,11 @@ TEST_F(Tables, FullDnsCacheLogsAndEvictsTheOldestUnrefreshed)
 	}
 	EXPECT_TRUE(kmodel_log().empty());
 	dns_update_timeout(dns_find("n0.example"));
+	// The slot taken over held a response: an add sets everything afresh.
+	dns_entry *old = dns_find("n1.example");
+	memset(old->addrs, 0xff, sizeof(old->addrs));
+	memset(old->spare, 0xff, sizeof(old->spare));
+	old->state = 1;
 	dns_info q = query("late.example", "192.168.1.2");
 	dns_add(&q);
 	EXPECT_EQ(Lines{ "<7>[dns_add]: dns table is full, delete oldest dns entry\n" }, kmodel_log());
@@ -165,6 +170,10 @@ TEST_F(Tables, FullDnsCacheLogsAndEvictsTheOldestUnrefreshed)
 	dns_entry *late = dns_find("late.example");
 	EXPECT_EQ(dns_table->slots + 1, late);
 	EXPECT_EQ(std::string(sizeof(late->addrs), '\0'), std::string((char *)late->addrs, sizeof(late->addrs)));
+	EXPECT_EQ(std::string(sizeof(late->spare), '\0'), std::string((char *)late->spare, sizeof(late->spare)));
+	EXPECT_EQ(0, late->state);
+	EXPECT_EQ(ip4("192.168.1.2"), late->client);
+	EXPECT_EQ(2, atomic_read(&late->refcnt)); // its add, and the find above
 
 	// Expiry waits for check_period even when entries are stale.
 	dns_delete(late);
@@ -190,9 +199,14 @@ TEST_F(Tables, FlowRecordFieldsAndSilentEviction)
 	EXPECT_EQ(1, kept->keep);
 	EXPECT_STREQ("update.example", kept->host);
 	EXPECT_EQ(jiffies + 600000, kept->node.expires);
+	kept->state = STATE_BLOCK;
 	for (int i = 0; i < 100; i++)
 		pct_add("y.example", ip4("10.1.0." + std::to_string(i)), 0);
 	EXPECT_EQ(nullptr, pct_find(ip4("203.0.113.1")));
+	// The kept record's slot was taken over by the last add, afresh.
+	EXPECT_EQ(ip4("10.1.0.99"), kept->addr);
+	EXPECT_EQ(0, kept->state);
+	EXPECT_EQ(0, kept->keep);
 	EXPECT_TRUE(kmodel_log().empty());
 	check_invariant(&pct_table->pool, pct_table->slots);
 }
