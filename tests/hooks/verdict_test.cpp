@@ -141,3 +141,23 @@ TEST_F(HookTest, HttpVerdictsInBothFamiliesWithAndWithoutConntrack)
 			}
 	r.set_tracking(true);
 }
+
+// Each packet of a tracked connection refreshes its record: it outlives
+// its first time-out through the sweep that the next connection's add
+// brings, while a connection left alone is swept.
+TEST_F(HookTest, HttpPacketsRefreshTheirConnection)
+{
+	services(true, false);
+	for (bool v6 : { false, true }) {
+		SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
+		Conn live = conn(43000, v6), idle = conn(43001, v6), next = conn(43002, v6);
+		handshake(live);
+		handshake(idle);
+		r.advance(40000);
+		down(live.down(sim::ACK)); // accepted over IPv4, dropped over IPv6
+		r.advance(40000);
+		ASSERT_TRUE(up(next.up(sim::SYN)).accepted());
+		EXPECT_NE(nullptr, record(live));
+		EXPECT_EQ(nullptr, record(idle));
+	}
+}
