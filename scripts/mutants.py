@@ -6,7 +6,8 @@ catch, with every survivor's place.
 
 The faults and their order are those of the project's shared sampler for the same seed
 (same candidates, same shuffle), so a sample is named by (seed, count). It is faster:
-  - only the test programs are rebuilt (not the tools, daemons or fuzzers);
+  - only the test programs are rebuilt (not the tools, daemons or fuzzers), each just
+    before it runs;
   - the test programs run directly, the one for the mutated folder first, and the run
     stops at the first failing program (a crash or a time-out counts as caught);
   - tshark's answers are cached by capture bytes and arguments (DNSHOOK_TSHARK_CACHE),
@@ -102,9 +103,16 @@ def test_programs(build):
     return sorted(f[5:] for f in os.listdir(build) if f.startswith("test_") and os.access(os.path.join(build, f), os.X_OK))
 
 
-def run_tests(build, programs, first, env):
+def run_tests(root, build, programs, first, env):
+    """The name of the first program that fails, None when all pass, "" when the mutant
+    does not build. Each program is built just before it runs, so a fault caught by the
+    first costs one link only."""
     order = ([first] if first in programs else []) + [p for p in programs if p != first]
-    for name in order:
+    for k, name in enumerate(order):
+        b = subprocess.run(["cmake", "--build", "b", "-j2", "--target", "test_" + name], cwd=root,
+                           capture_output=True, text=True)
+        if b.returncode != 0:
+            return "" if k == 0 else name + " (build)"
         try:
             t = subprocess.run([os.path.join(build, "test_" + name)], cwd=build, capture_output=True, env=env,
                                timeout=120)
@@ -161,16 +169,14 @@ def main():
             only.discard(name)
         orig, old, new = apply(root, c)
         try:
-            b = subprocess.run(["cmake", "--build", "b", "-j2", "--target"] + targets, cwd=root,
-                               capture_output=True, text=True)
-            if b.returncode != 0:
+            folder = c[0].split(os.sep)[1] if c[0].count(os.sep) >= 2 else ""
+            failed = run_tests(root, build, programs, FIRST.get(folder, ""), env)
+            if failed == "":
                 res["invalid"] += 1
                 continue
             done += 1
             if done <= skip:
                 continue
-            folder = c[0].split(os.sep)[1] if c[0].count(os.sep) >= 2 else ""
-            failed = run_tests(build, programs, FIRST.get(folder, ""), env)
             if failed:
                 res["killed"] += 1
                 verdict = "KILLED"
