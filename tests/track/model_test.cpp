@@ -310,6 +310,52 @@ Table<tcp_tracking> http_table(bool v6)
 	return t;
 }
 
+// The IPv4 flow table: the seeded hash of the whole address word.
+Table<pct_tracking> flow_table()
+{
+	Table<pct_tracking> t;
+	t.name = "pct_table";
+	t.timeout = PCT_TIMEOUT, t.deadline = &pct_next_sweep;
+	t.init = [] { int r = pct_init(); pct_hash_seed = 0x5eed1234; return r; };
+	t.fini = pct_fini;
+	t.pool = [] { return &pct_table->pool; };
+	t.slots = [] { return pct_table->slots; };
+	t.key = [](std::mt19937 &rng) {
+		Key k{};
+		k[16] = 93, k[17] = 184, k[18] = (uint8_t)(rng() % 4), k[19] = (uint8_t)(rng() % 40);
+		return k;
+	};
+	t.bucket = [](const Key &k, bool) { return jhash_1word_ref(&k[16], 0x5eed1234) & 127; };
+	t.match = [](const Key &r, const Key &k) { return !memcmp(&r[16], &k[16], 4); };
+	t.add = [](const Key &k, int keep) {
+		__be32 a;
+		memcpy(&a, &k[16], 4);
+		ASSERT_EQ(0, pct_add("host.example", a, keep));
+	};
+	t.find = [](const Key &k, bool) {
+		__be32 a;
+		memcpy(&a, &k[16], 4);
+		return pct_find(a);
+	};
+	t.del = [](pct_tracking *r) { pct_delete(r); };
+	t.refresh = [](pct_tracking *r) { pct_update_timeout(r); };
+	t.dirty = [](pct_tracking *r) {
+		r->state = STATE_BLOCK;
+		dirty_name(r->host);
+		if (!r->node.expires)
+			r->keep = 1;
+	};
+	t.fresh = [](const pct_tracking *r, const Key &k, int keep) {
+		EXPECT_EQ(0, r->state);
+		EXPECT_EQ(keep, r->keep);
+		EXPECT_STREQ("host.example", r->host);
+		EXPECT_EQ(0, memcmp(&r->addr, &k[16], 4));
+		EXPECT_EQ(1, atomic_read(&r->refcnt));
+	};
+	t.keeps = true;
+	return t;
+}
+
 Table<pct6_tracking> flow_table6()
 {
 	Table<pct6_tracking> t;
@@ -443,53 +489,10 @@ TEST(TableModel, EveryTableFollowsTheModelAcrossTheWrap)
 {
 	follow_model(http_table(false), 1234);
 	follow_model(http_table(true), 4321);
+	follow_model(flow_table(), 99);
 	follow_model(flow_table6(), 77);
 	follow_model(https_table(), 5);
 	follow_model(https_table6(), 6);
-}
-
-TEST(TableModel, FlowTableWithKeptRecordsFollowsTheModel)
-{
-	kmodel_reset();
-	ASSERT_EQ(0, pct_init());
-	pct_hash_seed = 0x5eed1234;
-	Model m(PCT_TIMEOUT);
-	std::mt19937 rng(99);
-	int kept_survivals = 0, evictions = 0;
-
-	for (int step = 0; step < 6000; step++) {
-		Key k{ 93, 184, (uint8_t)(rng() % 4), (uint8_t)(rng() % 64) };
-		__be32 addr;
-		memcpy(&addr, &k[0], 4);
-		uint32_t b = jhash_1word_ref(&k[0], 0x5eed1234) & 127;
-		int op = rng() % 100;
-		if (op < 35) {
-			int keep = rng() % 10 == 0;
-			ASSERT_EQ(0, pct_add("host.example", addr, keep));
-			evictions += m.add(k, b, keep);
-		} else if (op < 65) {
-			pct_tracking *rec = pct_find(addr);
-			int want = m.find(b, [&](const Key &r) { return !memcmp(&r[0], &k[0], 4); });
-			ASSERT_EQ(want, rec ? rec->slot : -1) << "step " << step;
-		} else if (op < 85) {
-			int s = m.random_in_use(rng);
-			if (s >= 0 && op < 72) {
-				pct_delete(&pct_table->slots[s]);
-				m.release(s);
-			} else if (s >= 0) {
-				pct_update_timeout(&pct_table->slots[s]);
-				m.refresh(s);
-			}
-		} else if ((step / 1000) % 2) {
-			kmodel_advance_jiffies(random_step(rng, PCT_TIMEOUT));
-		}
-		for (int s : m.age)
-			kept_survivals += m.keep[s] && (s32)(m.expires[s] - jiffies) < 0;
-		ASSERT_NO_FATAL_FAILURE(expect_same(m, &pct_table->pool, pct_table->slots, pct_next_sweep));
-	}
-	EXPECT_GT(kept_survivals, 100);
-	EXPECT_GT(evictions, 10);
-	pct_fini();
 }
 
 } // namespace
