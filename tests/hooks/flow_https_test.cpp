@@ -149,7 +149,22 @@ TEST_F(HttpsHook, ExemptionsTimeBlocksAndConntrackInBothFamilies)
 		EXPECT_TRUE(dropped(up(recorded)));
 		EXPECT_EQ(Lines{}, lines());
 		EXPECT_TRUE(requests().empty());
+		// Passed by the daemon, it is trusted, but still needs an entry.
+		rating_reply pass = {};
+		pass.kind = RATING_KIND_REPLY, pass.service = RATING_PC_REPLY, pass.verdict = PASS;
+		pass.family = v6 ? RATING_FAMILY_INET6 : RATING_FAMILY_INET;
+		Bytes ca = addr(f.client), sa = addr(f.server);
+		memcpy(pass.src_addr.raw, ca.data(), ca.size());
+		memcpy(pass.dst_addr.raw, sa.data(), sa.size());
+		send(pass);
+		EXPECT_TRUE(dropped(up(recorded)));
 		r.set_tracking(true);
+		EXPECT_TRUE(up(recorded).accepted());
+		// Untrusted again (as after a flush) for what follows.
+		if (v6)
+			ssl6_table->slots[0].trust = 0;
+		else
+			ssl_table->slots[0].trust = 0;
 
 		// A live exemption passes everything, recorded or not.
 		ASSERT_EQ(0, ublk_insert(sim::kClientMac.data(), "", 0));
