@@ -32,6 +32,16 @@ TEST_F(PctHook, DnsHttpAndTheSecondBridgeAreLeftAlone)
 	EXPECT_TRUE(down(udp(kResolver, kClient, 53, 40001, Bytes(13))).accepted());
 	// Twelve bytes are no DNS message: judged by the table.
 	EXPECT_TRUE(dropped(up(udp(kClient, kResolver, 40001, 53, Bytes(12)))));
+	// Headers outside the linear area are pulled in and read: with only
+	// the IP header linear, DNS and HTTP are still recognised (the UDP
+	// length is made linear from the IP header, so 20 bytes of this
+	// message are).
+	for (size_t linear : { 20, 24 }) {
+		EXPECT_TRUE(r.forward(udp(kClient, kResolver, 40001, 53, Bytes(40)), lan, r.wan(), sim::kClientMac, linear)
+				    .accepted()) << linear;
+		EXPECT_TRUE(r.forward(tcp(kClient, kServer, 40000, 80), lan, r.wan(), sim::kClientMac, linear).accepted())
+			<< linear;
+	}
 	EXPECT_TRUE(up(tcp(kClient, kServer, 40000, 80)).accepted());
 	EXPECT_TRUE(down(tcp(kServer, kClient, 80, 40000)).accepted());
 
