@@ -218,6 +218,11 @@ TEST_F(HttpsHook, Ipv6RequestsCarryThePacketsAddresses)
 	rated(pc_request(s, c, sim::kClientMac));
 	EXPECT_TRUE(dropped(up(tcp(c, s, 40000, 443))));
 	rated(pc_request(c, s, sim::kClientMac));
+	// No memory for the request: the packet passes, nothing is sent.
+	kmodel_fail_alloc_flags(GFP_ATOMIC);
+	EXPECT_TRUE(up(tcp(c, s, 40000, 443)).accepted());
+	kmodel_fail_alloc_flags(0);
+	EXPECT_TRUE(requests().empty());
 
 	kmodel_log_clear();
 	EXPECT_TRUE(down(tcp(s, "2001:db8:1::99", 443, 40000)).accepted());
