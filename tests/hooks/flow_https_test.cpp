@@ -218,6 +218,7 @@ TEST_F(HttpsHook, Ipv6RequestsCarryThePacketsAddresses)
 	rated(pc_request(s, c, sim::kClientMac));
 	EXPECT_TRUE(dropped(up(tcp(c, s, 40000, 443))));
 	rated(pc_request(c, s, sim::kClientMac));
+	EXPECT_EQ(STATE_RATING, ssl6_records()[0].state);
 	// No memory for the request: the packet passes, nothing is sent.
 	kmodel_fail_alloc_flags(GFP_ATOMIC);
 	EXPECT_TRUE(up(tcp(c, s, 40000, 443)).accepted());

@@ -32,6 +32,20 @@ TEST_F(PctHook, DnsHttpAndTheSecondBridgeAreLeftAlone)
 	EXPECT_TRUE(down(udp(kResolver, kClient, 53, 40001, Bytes(13))).accepted());
 	// Twelve bytes are no DNS message: judged by the table.
 	EXPECT_TRUE(dropped(up(udp(kClient, kResolver, 40001, 53, Bytes(12)))));
+	// The UDP length may reach the end of the IP packet, not beyond; a
+	// datagram without its whole UDP header is no DNS.
+	sim::Ip4 ip;
+	ip.src = sim::ip4(kClient), ip.dst = sim::ip4(kResolver);
+	sim::Udp u;
+	u.sport = 40001, u.dport = 53, u.payload = Bytes(20);
+	for (int extra : { 20, 21 }) {
+		u.length_override = 8 + 20 + extra;
+		EXPECT_EQ(extra == 20, up(sim::ip4_udp(ip, u)).accepted()) << extra;
+	}
+	Bytes cut = udp(kClient, kResolver, 40001, 53, Bytes(20));
+	cut.resize(24);
+	cut[2] = 0, cut[3] = 24;
+	EXPECT_TRUE(dropped(up(cut)));
 	// Headers outside the linear area are pulled in and read: with only
 	// the IP header linear, DNS and HTTP are still recognised (the UDP
 	// length is made linear from the IP header, so 20 bytes of this

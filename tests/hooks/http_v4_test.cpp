@@ -442,6 +442,16 @@ TEST_F(HookTest, HttpPacketsTheHookLeavesAloneAndRequestText)
 	EXPECT_EQ(req + "\r\n\r\n", std::string(record(n)->req_buf));
 	EXPECT_EQ(req.size() + 4, record(n)->req_len);
 
+	// No memory for the request: the segment goes on, the connection stays
+	// established and the next segment tries again.
+	Conn f = conn(40013);
+	handshake(f);
+	kmodel_fail_alloc_flags(GFP_ATOMIC);
+	EXPECT_TRUE(up(f.up(sim::ACK | sim::PSH, req)).accepted());
+	kmodel_fail_alloc_flags(0);
+	EXPECT_EQ(STATE_ESTAB, record(f)->state);
+	EXPECT_TRUE(requests().empty());
+
 	// A long request is cut at 2046 characters; req_len keeps the length.
 	Conn l = conn(40012);
 	handshake(l);
