@@ -224,6 +224,11 @@ TEST_F(HttpsHook, Ipv6RequestsCarryThePacketsAddresses)
 	EXPECT_TRUE(up(tcp(c, s, 40000, 443)).accepted());
 	kmodel_fail_alloc_flags(0);
 	EXPECT_TRUE(requests().empty());
+	// WHITE_PASS marks the connection the record took from its packets.
+	EXPECT_TRUE(dropped(up(tcp(c, s, 40000, 443))));
+	reply(rated(pc_request(c, s, sim::kClientMac)), WHITE_PASS);
+	EXPECT_EQ(1, r.conntrack(tcp(c, s, 40000, 443))->white_mark);
+	EXPECT_TRUE(up(tcp(c, s, 40000, 443)).accepted());
 
 	kmodel_log_clear();
 	EXPECT_TRUE(down(tcp(s, "2001:db8:1::99", 443, 40000)).accepted());

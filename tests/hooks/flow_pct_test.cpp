@@ -38,14 +38,18 @@ TEST_F(PctHook, DnsHttpAndTheSecondBridgeAreLeftAlone)
 	ip.src = sim::ip4(kClient), ip.dst = sim::ip4(kResolver);
 	sim::Udp u;
 	u.sport = 40001, u.dport = 53, u.payload = Bytes(20);
-	for (int extra : { 20, 21 }) {
-		u.length_override = 8 + 20 + extra;
-		EXPECT_EQ(extra == 20, up(sim::ip4_udp(ip, u)).accepted()) << extra;
+	for (int extra : { 20, 21 })
+		for (size_t linear : { 24, 100 }) {
+			u.length_override = 8 + 20 + extra;
+			EXPECT_EQ(extra == 20, r.forward(sim::ip4_udp(ip, u), lan, r.wan(), sim::kClientMac, linear).accepted())
+				<< extra << " " << linear;
+		}
+	for (bool is_udp : { true, false }) {
+		Bytes cut = is_udp ? udp(kClient, kResolver, 40001, 53, Bytes(20)) : tcp(kClient, kServer, 40000, 80);
+		cut.resize(24);
+		cut[2] = 0, cut[3] = 24;
+		EXPECT_TRUE(dropped(up(cut))) << is_udp;
 	}
-	Bytes cut = udp(kClient, kResolver, 40001, 53, Bytes(20));
-	cut.resize(24);
-	cut[2] = 0, cut[3] = 24;
-	EXPECT_TRUE(dropped(up(cut)));
 	// Headers outside the linear area are pulled in and read: with only
 	// the IP header linear, DNS and HTTP are still recognised (the UDP
 	// length is made linear from the IP header, so 20 bytes of this

@@ -160,7 +160,13 @@ TEST_F(HookTest, HttpBlockStateResetsTheServerAndAnswersTheNextClientSegment)
 	EXPECT_EQ(Lines{ "<7>[forward_hook]: packet FROM server, reset it\n" }, kmodel_log());
 	EXPECT_EQ(std::vector<Bytes>{ expected_bare(before, false, sim::RST, before.cseq, 0) }, to_server());
 
+	// A client segment that cannot be acknowledged (a reset) is dropped
+	// and leaves the block waiting.
 	r.clear_sent();
+	EXPECT_FALSE(up(c.up(sim::RST | sim::ACK)).accepted());
+	EXPECT_TRUE(r.sent().empty());
+	EXPECT_EQ(STATE_BLOCK, record(c)->state);
+
 	std::string req = get_request("x.example");
 	before = c;
 	EXPECT_FALSE(up(c.up(sim::ACK | sim::PSH, req)).accepted());
@@ -373,6 +379,13 @@ TEST_F(HookTest, HttpHeadersOutsideTheLinearAreaAndLyingDataOffsets)
 		EXPECT_EQ(v6 ? 0u : 4u, record(e)->req_len);
 		EXPECT_TRUE(requests().empty());
 	}
+	// A packet too short for its TCP header is no segment: left alone
+	// (with PC only, an unlisted device's packet then passes every hook).
+	services(false, true);
+	Bytes cut = tcp(kClient, kServer, 40000, 80);
+	cut.resize(30);
+	cut[2] = 0, cut[3] = 30;
+	EXPECT_TRUE(up(cut).accepted());
 }
 
 // A table full of connections waiting for verdicts: the 101st takes over
