@@ -237,6 +237,16 @@ TEST_F(DnsHook, CollisionsAndMalformedDatagrams)
 	EXPECT_TRUE(r.forward(q6, r.br0(), r.wan(), sim::kClientMac, 44).accepted());
 	EXPECT_EQ(2u, dns_records().size());
 
+	// Only UDP is read: a TCP segment to port 53 whose header, read as a
+	// UDP header and a DNS header, would make a query is not.
+	const Bytes query = dns_query(6, "tcp.example.test");
+	Bytes question(query.begin() + 12, query.end());
+	Bytes seg = tcp(kClient, kResolver, 40001, 53, sim::FIN, question);
+	const uint8_t as_dns[16] = { 0, 48, 0, 0, 0, 6, 1, 0, 0, 1, 0, 0, 0, 0, 0, 0 }; // length 48, id 6, RD, one question
+	std::copy(as_dns, as_dns + 16, seg.begin() + 24);
+	up(seg);
+	EXPECT_EQ(2u, dns_records().size());
+
 	kmodel_log_clear();
 	EXPECT_TRUE(up(udp("ff02::1", "fd00::1", 40001, 53, dns_query(5, "m.example.test"))).accepted());
 	EXPECT_EQ("<7>[dns6_hook]: dns6_hook: IPv6 address is not unicast.\n\n", kmodel_log().at(0));
