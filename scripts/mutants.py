@@ -81,6 +81,19 @@ def candidates(root):
     return out
 
 
+def mutate(root, c):
+    """The file's text, the line and its mutated form, without writing anything."""
+    rel, i, a, b, k = c
+    text = open(os.path.join(root, rel)).read()
+    l = text.split("\n")[i]
+    if k == -1:
+        return text, l, re.match(r"^(\s*)", l).group(1) + ";"
+    pat, rep = OPS[k]
+    old = l[a:b]
+    rep = str(int(old) + 1) if rep == "INC" else rep
+    return text, l, l[:a] + rep + l[b:]
+
+
 def apply(root, c):
     rel, i, a, b, k = c
     p = os.path.join(root, rel)
@@ -159,11 +172,9 @@ def main():
         if done >= n + skip or (only is not None and not only):
             break
         if only is not None:
-            rel, i, a, b, k = c
-            line = open(os.path.join(root, rel)).read().split("\n")[i]
-            orig, old, new = apply(root, c)
-            open(os.path.join(root, rel), "w").write(orig)
-            name = f"{rel}:{i+1}: {old.strip()}  =>  {new.strip()}"
+            # Named without touching the file, so nothing is rebuilt for it.
+            _, old, new = mutate(root, c)
+            name = f"{c[0]}:{c[1]+1}: {old.strip()}  =>  {new.strip()}"
             if name not in only:
                 continue
             only.discard(name)
