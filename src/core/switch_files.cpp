@@ -71,31 +71,46 @@ int pcg_unhook(void)
 }
 
 struct switch_file {
+	int service; // PROC_WP or PROC_PC
 	const char *tag;
 	const char *enable_line;
 	const char *disable_line;
-	void (*on)(void);
-	int (*off)(void);
 };
 
 static const struct switch_file wp_switch = {
+	PROC_WP,
 	"wp_proc_write",
 	"<7>[%s]: --- Enable wireless warning page ---\n",
 	"<7>[%s]: --- Disable wireless warning page ---\n",
-	wp_hook,
-	wp_unhook,
 };
 
 static const struct switch_file pc_switch = {
+	PROC_PC,
 	"pc_proc_write",
 	"<7>[%s]: --- Enable PCG ---\n",
 	"<7>[%s]: --- Disable PCG ---\n",
-	pcg_hook,
-	pcg_unhook,
 };
 
+static void switch_on(const struct switch_file *sw)
+{
+	if (sw->service == PROC_WP)
+		wp_hook();
+	else
+		pcg_hook();
+}
+
+static void switch_off(const struct switch_file *sw)
+{
+	if (sw->service == PROC_WP)
+		wp_unhook();
+	else
+		pcg_unhook();
+}
+
 // Writes of three bytes or more are accepted and ignored; only the first
-// byte of a shorter write counts.
+// byte of a shorter write counts, the second (a newline, a NUL, anything)
+// never changes what the write does, so a NUL cannot change a command here:
+// a NUL first byte is the empty command and only logged.
 static int switch_write(const struct switch_file *sw, const char __user *buffer, unsigned long count)
 {
 	char buf[2] = { 0, 0 };
@@ -111,11 +126,11 @@ static int switch_write(const struct switch_file *sw, const char __user *buffer,
 	switch (buf[0]) {
 	case '0':
 		printk(sw->disable_line, sw->tag);
-		sw->off();
+		switch_off(sw);
 		break;
 	case '1':
 		printk(sw->enable_line, sw->tag);
-		sw->on();
+		switch_on(sw);
 		break;
 	default:
 		// plain char is signed on the router as here: bytes above 0x7f print sign-extended

@@ -3,8 +3,15 @@
 // (its hook acts on the next packet). An HTTP connection is acted on at
 // once: the held request is replayed, or the client gets the block page.
 //
-// Held copies: each is sent or freed once and the record's pointer is
-// cleared then, so a late or repeated reply finds nothing to replay.
+// Held copies: each is sent or freed once. The dispatcher detaches the copy
+// from the record before it publishes the verdict's state, so a packet of
+// the connection that sees the new state (and deletes the record, which
+// frees a copy still held) can never free the one being sent; a late or
+// repeated reply finds nothing to replay.
+//
+// The block page's Location is the record's bounded copy of the reply's
+// address (at most 511 characters), never the raw 512-byte reply field,
+// which a daemon may send without a terminating NUL.
 #include "core/verdict.h"
 
 #include "forge/answer.h"
@@ -29,20 +36,32 @@ static void set_white_mark(struct nf_conntrack *nfct)
 		((struct nf_conn *)nfct)->white_mark = 1;
 }
 
-static void replay_held(struct tcp_tracking *rec)
+// Takes the held copy out of the record: from here on the caller owns it.
+static struct sk_buff *take_held(struct tcp_tracking *rec)
 {
-	if (!rec->held_skb)
-		return;
-	output_packet(rec->held_skb);
+	struct sk_buff *skb = rec->held_skb;
+
 	rec->held_skb = NULL;
+	return skb;
 }
 
-static void free_held(struct tcp_tracking *rec)
+static void replay(struct sk_buff *held)
 {
-	if (!rec->held_skb)
-		return;
-	kfree_skb(rec->held_skb);
-	rec->held_skb = NULL;
+	if (held)
+		output_packet(held);
+}
+
+// BLOCK: acknowledge the request and answer it with the block page.
+static void answer_block(struct tcp_tracking *rec, struct sk_buff *held,
+			 int (*send_page)(const char *, struct sk_buff *))
+{
+	rec->state = STATE_BLOCK;
+	if (held) {
+		ack_client(held);
+		send_page(rec->redirect_url, held);
+		kfree_skb(held);
+	}
+	rec->state = STATE_REDIRECT;
 }
 
 static void copy_redirect_url(struct tcp_tracking *rec, const struct rating_reply *reply)
@@ -198,6 +217,7 @@ static int tcp_verdict(const struct rating_reply *reply)
 	const char *svc = reply->service == RATING_WP_REPLY ? "WP" : "PC";
 	const u8 *s = reply->src_addr.raw, *d = reply->dst_addr.raw;
 	struct tcp_tracking *rec;
+	struct sk_buff *held;
 	struct iphdr iph;
 	struct tcphdr th;
 
@@ -212,26 +232,22 @@ static int tcp_verdict(const struct rating_reply *reply)
 	case WHITE_PASS:
 		printk(KERN_DEBUG "[%s]: [%s]HTTP: connection=[" IP4_FMT " - " IP4_FMT "] --> WHITE_PASS\n",
 		       fn, svc, IP4_BYTES(s), IP4_BYTES(d));
+		held = take_held(rec);
 		rec->state = STATE_WHITE_PASS;
 		set_white_mark(rec->nfconn);
-		replay_held(rec);
+		replay(held);
 		break;
 	case PASS:
 		printk(KERN_DEBUG "[%s]: [%s]HTTP: connection=[" IP4_FMT " - " IP4_FMT "] --> PASS\n",
 		       fn, svc, IP4_BYTES(s), IP4_BYTES(d));
+		held = take_held(rec);
 		rec->state = STATE_PASS;
-		replay_held(rec);
+		replay(held);
 		break;
 	case BLOCK:
 		printk(KERN_DEBUG "[%s]: [%s]HTTP: connection=[" IP4_FMT " - " IP4_FMT "] --> BLOCK\n",
 		       fn, svc, IP4_BYTES(s), IP4_BYTES(d));
-		rec->state = STATE_BLOCK;
-		if (rec->held_skb) {
-			ack_client(rec->held_skb);
-			send_blkpage(reply->redirect_url, rec->held_skb);
-			free_held(rec);
-		}
-		rec->state = STATE_REDIRECT;
+		answer_block(rec, take_held(rec), send_blkpage);
 		break;
 	}
 	return 0;
@@ -242,6 +258,7 @@ static int tcp_verdict(const struct rating_reply *reply)
 static int tcp6_verdict(const struct rating_reply *reply)
 {
 	struct tcp_tracking *rec;
+	struct sk_buff *held;
 	struct ipv6hdr ip6h;
 	struct tcphdr th;
 
@@ -254,22 +271,18 @@ static int tcp6_verdict(const struct rating_reply *reply)
 	copy_redirect_url(rec, reply);
 	switch (reply->verdict) {
 	case WHITE_PASS:
+		held = take_held(rec);
 		rec->state = STATE_WHITE_PASS;
 		set_white_mark(rec->nfconn);
-		replay_held(rec);
+		replay(held);
 		break;
 	case PASS:
+		held = take_held(rec);
 		rec->state = STATE_PASS;
-		replay_held(rec);
+		replay(held);
 		break;
 	case BLOCK:
-		rec->state = STATE_BLOCK;
-		if (rec->held_skb) {
-			ack_client(rec->held_skb);
-			send_blkpage6(reply->redirect_url, rec->held_skb);
-			free_held(rec);
-		}
-		rec->state = STATE_REDIRECT;
+		answer_block(rec, take_held(rec), send_blkpage6);
 		break;
 	}
 	return 0;

@@ -32,7 +32,7 @@ static int send_rebuilt(struct sk_buff *nskb, const char *fail_line, const char 
 
 int ack_client(struct sk_buff *skb)
 {
-	u32 len = tcp_payload_len(skb, ipv4_tcp_offset(skb));
+	u32 len = (u32)tcp_payload_len(skb, ipv4_tcp_offset(skb));
 
 	return send_rebuilt(rebuild_packet(skb, len, REBUILD_ACK, 1),
 			    KERN_ERR "[%s]: ACK to client failed\n", __func__);
@@ -41,7 +41,7 @@ int ack_client(struct sk_buff *skb)
 int ack_client6(struct sk_buff *skb)
 {
 	int thoff = ipv6_tcp_offset(skb);
-	u32 len = tcp_payload_len(skb, thoff);
+	s32 len = tcp_payload_len(skb, thoff);
 
 	return send_rebuilt(rebuild_packet6(skb, len, REBUILD_ACK, &thoff, 1),
 			    KERN_ERR "[%s]: ACK to client failed\n", __func__);
@@ -57,7 +57,7 @@ int reset_server(struct sk_buff *skb)
 int reset_server6(struct sk_buff *skb)
 {
 	int thoff = ipv6_tcp_offset(skb);
-	u32 len = tcp_payload_len(skb, thoff);
+	s32 len = tcp_payload_len(skb, thoff);
 
 	return send_rebuilt(rebuild_packet6(skb, len, REBUILD_ACK, &thoff, 1),
 			    KERN_ERR "[%s]: RST to server failed\n\n", __func__);

@@ -46,11 +46,16 @@ static void swap_ports(struct tcphdr *th)
 	th->dest = port;
 }
 
-// Room behind the first hdrlen bytes of a linear copy for n payload bytes.
-static bool redirect_fits(const struct sk_buff *skb, int hdrlen, unsigned int n)
+// The page's length, cut to the room the copy has behind its first hdrlen
+// bytes. A received frame's buffer holds a full-sized frame, so the cut
+// never happens there; a smaller buffer gets the start of the page rather
+// than a write past its end.
+static unsigned int page_len(const struct sk_buff *skb, unsigned int hdrlen, const char *page)
 {
-	return !skb_is_nonlinear(skb) && (int)skb->len >= hdrlen &&
-	       (unsigned int)(skb->end - (skb->data + hdrlen)) >= n;
+	unsigned int n = strlen(page);
+	unsigned int room = skb->end - skb->data > hdrlen ? skb->end - skb->data - hdrlen : 0;
+
+	return n < room ? n : room;
 }
 
 static void put_page(struct sk_buff *skb, unsigned int hdrlen, const char *page, unsigned int n)
@@ -71,14 +76,14 @@ int redirect_packet(struct sk_buff *skb, const char *page)
 	u32 datalen;
 	__be32 addr;
 
-	if (skb_headlen(skb) < sizeof(struct iphdr) || iph->ihl < 5)
-		return -EINVAL;
+	// The copy is linear. A header too short to hold the TCP header is
+	// not rewritten: the copy is left as it is, and goes out as it is.
 	ihl = iph->ihl * 4;
-	n = strlen(page);
-	if (!redirect_fits(skb, ihl + TCP_HDRLEN, n))
-		return -EINVAL;
+	if (skb->len < sizeof(struct iphdr) || ihl < sizeof(struct iphdr) || skb->len < ihl + TCP_HDRLEN)
+		return -1;
+	n = page_len(skb, ihl + TCP_HDRLEN, page);
 	th = (struct tcphdr *)(skb->data + ihl);
-	datalen = tcp_payload_len(skb, ihl);
+	datalen = (u32)tcp_payload_len(skb, ihl);
 
 	set_redirect_window(th);
 	put_page(skb, ihl + TCP_HDRLEN, page, n);
@@ -113,16 +118,16 @@ int redirect_packet6(struct sk_buff *skb, const char *page)
 	struct tcphdr *th;
 	struct in6_addr addr;
 	int thoff = ipv6_tcp_offset(skb);
-	unsigned int n, seglen;
+	unsigned int n, seglen, sumlen, end;
 	u32 datalen;
 
-	if (thoff < IPV6_HDRLEN || thoff > (int)skb->len - TCP_HDRLEN)
-		return -EINVAL;
-	n = strlen(page);
-	if (!redirect_fits(skb, IPV6_HDRLEN + TCP_HDRLEN, n))
-		return -EINVAL;
+	// A TCP header that cannot be found inside the packet is not
+	// rewritten: the copy goes out as it is.
+	if (thoff < 0 || thoff > (int)skb->len - TCP_HDRLEN || skb->len < IPV6_HDRLEN + TCP_HDRLEN)
+		return -1;
+	n = page_len(skb, IPV6_HDRLEN + TCP_HDRLEN, page);
 	th = (struct tcphdr *)(skb->data + thoff);
-	datalen = tcp_payload_len(skb, thoff);
+	datalen = (u32)tcp_payload_len(skb, thoff);
 
 	set_redirect_window(th);
 	// Behind extension headers the TCP header overlaps the payload: the
@@ -137,10 +142,14 @@ int redirect_packet6(struct sk_buff *skb, const char *page)
 	ip6h->daddr = addr;
 	swap_ports(th);
 	th->check = 0;
-	// The checksum covers the packet behind the fixed header, but is never
-	// read past the end of the packet.
+	// The checksum covers as many bytes from the TCP header as the packet
+	// holds behind the fixed header. Behind extension headers they run
+	// past the packet into the rest of the copy's buffer (the request's
+	// own bytes); the read stops at the buffer's end.
 	seglen = skb->len - IPV6_HDRLEN;
-	skb->csum = csum_partial(th, skb->len - thoff, 0);
+	end = skb_end_pointer(skb) - (unsigned char *)th;
+	sumlen = seglen < end ? seglen : end;
+	skb->csum = csum_partial(th, sumlen, 0);
 	th->check = csum_ipv6_magic(&ip6h->saddr, &ip6h->daddr, seglen, IPPROTO_TCP, skb->csum);
 	printk(KERN_DEBUG "[%s]: tcph->check = %x, sizeof(struct tcphdr) = %d, csum_partial = %x\n",
 	       __func__, th->check, TCP_HDRLEN, csum_partial(th, TCP_HDRLEN, 0));
@@ -162,11 +171,11 @@ static void format_page(char *page, const char *url)
 	page[BLKPAGE_LEN - 1] = '\0';
 }
 
-// A copy of the request segment becomes the redirect. Whether routing
-// worked is not asked: without a new route the copy leaves by the route it
-// inherited. A copy too small to hold the page is dropped.
-static int send_page(const char *url, struct sk_buff *skb, int (*redirect)(struct sk_buff *, const char *),
-		     const char *copy_fail_line, const char *fn)
+// A copy of the request segment becomes the redirect. What the rewrite
+// returns is not asked: without a new route the copy leaves by the route
+// it inherited.
+static int send_page(const char *url, struct sk_buff *skb, int ipv6, const char *copy_fail_line,
+		     const char *fn)
 {
 	char page[BLKPAGE_LEN];
 	struct sk_buff *nskb;
@@ -177,10 +186,10 @@ static int send_page(const char *url, struct sk_buff *skb, int (*redirect)(struc
 		return -1;
 	}
 	format_page(page, url);
-	if (redirect(nskb, page) == -EINVAL) {
-		kfree_skb(nskb);
-		return -1;
-	}
+	if (ipv6)
+		redirect_packet6(nskb, page);
+	else
+		redirect_packet(nskb, page);
 	if (output_packet(nskb) < 0) {
 		printk(KERN_ERR "[%s]: send block page failed!\n\n", fn);
 		return -1;
@@ -190,12 +199,12 @@ static int send_page(const char *url, struct sk_buff *skb, int (*redirect)(struc
 
 int send_blkpage(const char *url, struct sk_buff *skb)
 {
-	return send_page(url, skb, redirect_packet,
+	return send_page(url, skb, 0,
 			 KERN_ERR "[%s]: skb_copy  error in function send_blkpage!\n\n", __func__);
 }
 
 int send_blkpage6(const char *url, struct sk_buff *skb)
 {
-	return send_page(url, skb, redirect_packet6,
+	return send_page(url, skb, 1,
 			 KERN_ERR "[%s]: skb_copy  error in send_blkpage6!\n\n", __func__);
 }

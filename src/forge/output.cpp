@@ -17,13 +17,25 @@ int output_packet(struct sk_buff *skb)
 	if (dst && dst->hh) {
 		struct hh_cache *hh = dst->hh;
 
-		// The cached header is copied as one aligned block in front of the data.
-		if (skb_headroom(skb) < HH_DATA_MOD) {
+		const u8 *hh_block = (const u8 *)hh->hh_data;
+		int room = skb_headroom(skb);
+
+		// The cached header is copied as one aligned block in front of
+		// the data. With less room than the block, only its tail, the
+		// header itself, is copied: the frame is the same and nothing
+		// is written before the buffer. A forged packet is a copy of a
+		// received one and keeps the room its own link-layer header took,
+		// so it always has the header's length unless the output device's
+		// header is longer than that of the device it came in by: then it
+		// cannot be framed, and is dropped.
+		if (room < (int)hh->hh_len) {
 			kfree_skb(skb);
 			return -ENOMEM;
 		}
+		if (room > HH_DATA_MOD)
+			room = HH_DATA_MOD;
 		local_bh_disable();
-		memcpy(skb->data - HH_DATA_MOD, hh->hh_data, HH_DATA_MOD);
+		memcpy(skb->data - room, hh_block + HH_DATA_MOD - room, room);
 		local_bh_enable();
 		skb_push(skb, hh->hh_len);
 		return hh->hh_output(skb);

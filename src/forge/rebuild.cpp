@@ -137,25 +137,27 @@ struct sk_buff *rebuild_packet6(struct sk_buff *skb, s32 len, unsigned int flags
 	struct sk_buff *nskb;
 	struct in6_addr addr;
 	int thoff = *tcphoff;
-	unsigned int tcplen;
+	unsigned int seglen, sumlen;
 
-	ip6h = (struct ipv6hdr *)skb_header_pointer(skb, 0, sizeof(_ip6h), &_ip6h);
-	// The TCP header must lie inside the packet, behind the fixed header,
-	// on a 32-bit boundary as every extension header chain leaves it.
-	if (!ip6h || skb->len < REBUILD6_LEN || thoff < IPV6_HDRLEN || (thoff & 3) ||
-	    thoff > (int)skb->len - TCP_HDRLEN) {
+	if (skb->len < REBUILD6_LEN) {
 		printk(KERN_DEBUG "[%s]: Invalid IP header\n", __func__);
 		return NULL;
 	}
-
-	th = (struct tcphdr *)skb_header_pointer(skb, thoff, sizeof(_th), &_th);
+	ip6h = (struct ipv6hdr *)skb_header_pointer(skb, 0, sizeof(_ip6h), &_ip6h);
+	// No other check of the headers: the offset is the caller's. Where it
+	// points outside the packet the header cannot be read, and nothing is
+	// forged.
+	th = thoff < 0 ? NULL : (struct tcphdr *)skb_header_pointer(skb, thoff, sizeof(_th), &_th);
 	if (!th || th->rst)
 		return NULL;
-	// The segment is what follows the TCP header's offset: extension
-	// headers are not part of it.
-	tcplen = skb->len - thoff;
-	if (csum_ipv6_magic(&ip6h->saddr, &ip6h->daddr, tcplen, IPPROTO_TCP,
-			    skb_checksum(skb, thoff, tcplen, 0))) {
+	// The segment is taken as everything behind the fixed header, as if
+	// the TCP header followed it directly. Behind extension headers those
+	// bytes would run past the packet: the sum reads only up to its end,
+	// the pseudo-header still counts them all.
+	seglen = skb->len - IPV6_HDRLEN;
+	sumlen = thoff > IPV6_HDRLEN ? skb->len - thoff : seglen;
+	if (csum_ipv6_magic(&ip6h->saddr, &ip6h->daddr, seglen, IPPROTO_TCP,
+			    skb_checksum(skb, thoff, sumlen, 0))) {
 		printk(KERN_DEBUG "[%s]: tcp_v6_check error\n", __func__);
 		return NULL;
 	}

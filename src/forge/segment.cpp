@@ -6,22 +6,17 @@
 #include "net/dst.h"
 #include "net/ipv6.h"
 
-u32 tcp_payload_len(const struct sk_buff *skb, int thoff)
+s32 tcp_payload_len(const struct sk_buff *skb, int thoff)
 {
 	struct tcphdr _th;
 	const struct tcphdr *th;
-	unsigned int hlen;
 
 	if (thoff < 0)
 		return 0;
 	th = (const struct tcphdr *)skb_header_pointer(skb, thoff, sizeof(_th), &_th);
 	if (!th)
 		return 0;
-	hlen = thoff + th->doff * 4;
-	// Options the header claims but the packet does not hold count as none.
-	if (hlen > skb->len)
-		return 0;
-	return skb->len - hlen;
+	return (s32)skb->len - (thoff + th->doff * 4);
 }
 
 int ipv6_tcp_offset(const struct sk_buff *skb)

@@ -5,9 +5,11 @@
 #include "linux/types.h"
 
 // TCP payload bytes of the segment whose header starts thoff bytes into
-// the data: the packet length less the header with its options. 0 when
-// the header, or the options it claims, run past the end of the packet.
-u32 tcp_payload_len(const struct sk_buff *skb, int thoff);
+// the data: the packet length less the header with the options it claims.
+// Negative when those options run past the end of the packet (the
+// sequence arithmetic then goes back by as much); 0 when the header itself
+// cannot be read.
+s32 tcp_payload_len(const struct sk_buff *skb, int thoff);
 
 // Offset of the upper-layer header of an IPv6 packet, behind its
 // extension headers, or -1 when the chain cannot be followed.

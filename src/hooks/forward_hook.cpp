@@ -27,7 +27,8 @@ struct http_pkt {
 	struct iphdr *iph;
 	struct tcphdr *th;
 	const char *payload;
-	u32 paylen;      // linear bytes behind the TCP header
+	s32 paylen;      // linear bytes behind the TCP header and its options,
+			 // negative when the options run past them
 	int from_server; // source port 80
 };
 
@@ -39,10 +40,10 @@ static int no_payload(const struct http_pkt *p)
 // The payload taken as a string (up to its first NUL, never past its
 // linear bytes) followed by "\r\n\r\n", cut to what snprintf into 2047
 // bytes would keep. Returns the untruncated length, as snprintf does.
-static u32 req_write(char *buf, const char *payload, u32 paylen)
+static u32 req_write(char *buf, const char *payload, s32 paylen)
 {
 	static const char tail[] = "\r\n\r\n";
-	u32 n = strnlen(payload, paylen);
+	u32 n = paylen > 0 ? strnlen(payload, paylen) : 0;
 	u32 kept = n < REQ_TEXT_MAX ? n : REQ_TEXT_MAX;
 	u32 i;
 
@@ -205,8 +206,10 @@ unsigned int forward_hook(unsigned int hooknum, struct sk_buff *skb, const struc
 	if (!pskb_may_pull(skb, sizeof(struct tcphdr)))
 		return NF_ACCEPT;
 	thoff = ip_hdr(skb)->ihl * 4;
-	// The TCP header itself must be linear before its fields are read.
-	if (thoff + sizeof(struct tcphdr) > skb_headlen(skb))
+	// The TCP header is pulled into the linear area before it is read, so
+	// no segment escapes filtering by the way it was received; one the
+	// packet does not hold is not a segment.
+	if (!pskb_may_pull(skb, thoff + sizeof(struct tcphdr)))
 		return NF_ACCEPT;
 	p.th = (struct tcphdr *)(skb_network_header(skb) + thoff);
 	if (p.th->doff < 5)
@@ -215,8 +218,8 @@ unsigned int forward_hook(unsigned int hooknum, struct sk_buff *skb, const struc
 		return NF_ACCEPT;
 	p.iph = ip_hdr(skb);
 	p.th = (struct tcphdr *)(skb_network_header(skb) + thoff);
-	if (thoff + p.th->doff * 4 > skb_headlen(skb))
-		return NF_ACCEPT;
+	// Negative when the options run past the linear bytes: such a segment
+	// is no segment "without payload", and its text is empty.
 	p.payload = (const char *)p.th + p.th->doff * 4;
 	p.paylen = skb_tail_pointer(skb) - (const unsigned char *)p.payload;
 

@@ -33,7 +33,7 @@ struct http_pkt6 {
 	struct tcphdr *th;
 	int tcphoff;
 	const char *payload;
-	u32 paylen;
+	s32 paylen; // negative when the options claimed run past the linear bytes
 	int from_server;
 };
 
@@ -43,7 +43,9 @@ static int no_payload6(const struct http_pkt6 *p)
 }
 
 // Adds the segment's payload behind the bytes held so far. -1: no room
-// left, the segment is dropped.
+// left, the segment is dropped. A negative payload length (options that
+// run past the linear bytes) adds nothing: copied as it stands it would
+// read from before the payload and shrink the count of bytes held.
 static int req_collect6(struct tcp_tracking *rec, const struct http_pkt6 *p)
 {
 	u32 room = REQ6_TEXT_MAX - rec->req_len;
@@ -51,7 +53,9 @@ static int req_collect6(struct tcp_tracking *rec, const struct http_pkt6 *p)
 
 	if (room < 5)
 		return -1;
-	if (p->paylen > room) {
+	if (p->paylen <= 0)
+		return 0;
+	if ((u32)p->paylen > room) {
 		printk(KERN_DEBUG "[%s]: IPv6 header exceed buffer size(>2047), Cut Off!\n", fn6);
 		n = REQ6_TEXT_MAX - 4 - rec->req_len;
 		memcpy(rec->req_buf + rec->req_len, p->payload, n);
@@ -240,9 +244,10 @@ unsigned int forward_hook6(unsigned int hooknum, struct sk_buff *skb, const stru
 		return NF_ACCEPT;
 	if (strcmp(in->name, out->name) == 0)
 		return NF_ACCEPT;
-	// No pulls here: the fixed header and the TCP header are read only
-	// where they lie in the linear area.
-	if (skb_headlen(skb) < sizeof(struct ipv6hdr))
+	// Headers outside the linear area are pulled into it before they are
+	// read, so that no segment escapes filtering by the way it was
+	// received. A packet too short for the fixed header is no IPv6 packet.
+	if (!pskb_may_pull(skb, sizeof(struct ipv6hdr)))
 		return NF_ACCEPT;
 	p.ip6h = ipv6_hdr(skb);
 	if (!(__ipv6_addr_type(&p.ip6h->saddr) & IPV6_ADDR_UNICAST) ||
@@ -262,20 +267,22 @@ unsigned int forward_hook6(unsigned int hooknum, struct sk_buff *skb, const stru
 		return NF_ACCEPT;
 	}
 	printk(KERN_DEBUG "[%s]: tcphoff = %d \n", fn6, p.tcphoff);
-	if (p.tcphoff + sizeof(struct tcphdr) > skb_headlen(skb))
+	// The packet holds the TCP header (checked above): only a failed
+	// allocation keeps it from being pulled.
+	if (!pskb_may_pull(skb, p.tcphoff + sizeof(struct tcphdr)))
 		return NF_ACCEPT;
+	p.ip6h = ipv6_hdr(skb);
 	p.th = (struct tcphdr *)(skb_network_header(skb) + p.tcphoff);
 	if (p.th->source != htons(HTTP_PORT) && p.th->dest != htons(HTTP_PORT)) {
 		printk(KERN_DEBUG "[%s]: Not HTTP\n\n", fn6);
 		return NF_ACCEPT;
 	}
 	p.from_server = p.th->source == htons(HTTP_PORT);
-	// The payload is what lies linear behind the header and its options.
+	// The payload is what lies linear behind the header and its options;
+	// its length is negative when the options run past the linear bytes,
+	// and such a segment is no segment "without payload".
 	p.payload = (const char *)p.th + p.th->doff * 4;
-	if ((const unsigned char *)p.payload > skb_tail_pointer(skb))
-		p.paylen = 0;
-	else
-		p.paylen = skb_tail_pointer(skb) - (const unsigned char *)p.payload;
+	p.paylen = skb_tail_pointer(skb) - (const unsigned char *)p.payload;
 
 	rec = tcp_find6(p.ip6h, p.th);
 	if (!rec)

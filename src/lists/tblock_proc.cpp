@@ -7,6 +7,7 @@
 #include "linux/kernel.h"
 #include "linux/string.h"
 #include "linux/uaccess.h"
+#include "lists/command.h"
 #include "lists/tblock.h"
 
 #define TBLK_CMD_MAX 300
@@ -60,6 +61,8 @@ int tblk_proc_write(struct file *file, const char __user *buffer, unsigned long 
 	if (copy_from_user(buf, buffer, count))
 		return -EFAULT;
 	printk("<7>[%s]: tblock_string=%s\n\n", "tblk_proc_write", buf);
+	if (command_cut_short(buf, count))
+		return -EINVAL;
 
 	if (!strncmp(buf, "del", 3))
 		ret = tblk_cmd_del(skip_separators(buf + 3));

@@ -7,9 +7,13 @@
 #include "linux/kernel.h"
 #include "linux/string.h"
 #include "linux/uaccess.h"
+#include "lists/command.h"
 #include "lists/unblock.h"
 
 #define UBLK_CMD_MAX 300
+// A log line holds at most 1023 characters: no more of the caller's text
+// can ever show in the "buff=" line.
+#define UBLK_ECHO_MAX 1024
 
 // "=" commands compare the whole text, so a trailing newline turns
 // "=|flush_ublk" into the third form, which flushes both.
@@ -48,7 +52,7 @@ static int tm_cmd_add(const u8 *mac, const char *url, int has_url)
 
 int tm_proc_write(struct file *file, const char __user *buffer, unsigned long count, void *data)
 {
-	char buf[UBLK_CMD_MAX];
+	char buf[UBLK_ECHO_MAX];
 	char url[UBLK_URL_LEN];
 	u8 mac[ETH_ALEN];
 	unsigned long left;
@@ -59,14 +63,18 @@ int tm_proc_write(struct file *file, const char __user *buffer, unsigned long co
 	(void)file;
 	(void)data;
 	memset(buf, 0, sizeof(buf));
-	// The first line shows the caller's text before any check. It is read
-	// only through the user copy and only as far as the buffer holds, so
-	// unterminated text or a bad address cannot take the read elsewhere.
-	left = copy_from_user(buf, buffer, count < UBLK_CMD_MAX ? count : UBLK_CMD_MAX - 1);
+	// The first line shows the caller's text as passed, before any check:
+	// up to its first NUL, never more than the count, and only through the
+	// user copy, so unterminated text or a bad address cannot take the read
+	// past the caller's buffer. The command itself is the same copy, which
+	// holds NULs behind the count.
+	left = copy_from_user(buf, buffer, count < UBLK_ECHO_MAX ? count : UBLK_ECHO_MAX - 1);
 	printk("<7>[%s]: buff=%s, len=%lu\n\n", "tm_proc_write", buf, count);
 	if (count >= UBLK_CMD_MAX || left)
 		return -EFAULT;
 	printk("<7>[%s]: unblock_string=%s\n\n", "tm_proc_write", buf);
+	if (command_cut_short(buf, count))
+		return -EINVAL;
 
 	c = buf[0];
 	if (c == '=') {

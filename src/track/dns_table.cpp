@@ -114,5 +114,6 @@ void dns_fini(void)
 {
 	printk("<6>[%s]: exit dns module ..\n", __func__);
 	kfree(dns_table);
-	dns_table = NULL;
+	// The pointer is left as it was: nothing reads it once the hooks are
+	// gone, and the next load sets it again.
 }

@@ -54,6 +54,12 @@ static int tcp_match6(const struct tcp_tracking *rec, const struct ipv6hdr *ip6h
 	       rec->sport == th->dest && rec->dport == th->source;
 }
 
+// A record that leaves the table, or whose slot is taken again, frees the
+// request copy it still holds. Kept, the copy would leak, and a verdict for
+// the connection that next takes the slot would replay the old
+// connection's request. The verdict dispatcher detaches a copy before it
+// publishes the state that lets a packet delete the record, so the copy it
+// sends or frees is never the one freed here.
 static void tcp_drop_held(struct tcp_tracking *rec)
 {
 	if (rec->held_skb) {

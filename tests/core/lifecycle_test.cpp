@@ -9,7 +9,9 @@
 #include "core/hook_registry.h"
 #include "core/switch_files.h"
 #include "kmodel/host.h"
+#include "kmodel/net.h"
 #include "linux/module.h"
+#include "linux/netlink.h"
 #include "linux/slab.h"
 #include "sim/router.h"
 
@@ -85,6 +87,20 @@ TEST(Lifecycle, LoadRegistersAlwaysOnHooksAndFiles)
 	}
 	EXPECT_EQ(wp_proc_write, kmodel_proc_entry("wl_warning_page")->write_proc);
 	EXPECT_EQ(pc_proc_write, kmodel_proc_entry("pcg_proc")->write_proc);
+	EXPECT_TRUE(kmodel_netlink_kernel_exists(NETLINK_USERSOCK));
+	EXPECT_EQ(1, kmodel_netlink_kernel_sockets());
+	r.unload();
+	EXPECT_EQ(0, kmodel_netlink_kernel_sockets());
+
+	// Without a channel the load still succeeds, with the channel's line;
+	// the unload then has no socket to release.
+	kmodel_fail_netlink_create_nth(1);
+	kmodel_log_clear();
+	ASSERT_EQ(0, r.load());
+	EXPECT_EQ(concat(kLoadLog, { "<3>[nlink_init]: netlink socket create failed\n" }), kmodel_log());
+	EXPECT_FALSE(kmodel_netlink_kernel_exists(NETLINK_USERSOCK));
+	r.unload();
+	EXPECT_EQ(0, kmodel_netlink_kernel_sockets());
 }
 
 TEST(Lifecycle, UnloadWithServicesOffAndOn)

@@ -36,6 +36,8 @@ Bytes redirect(Ip ip, const sim::Tcp &t, uint32_t datalen, const std::string &ur
 	std::swap(ip.src, ip.dst);
 	if constexpr (std::is_same_v<Ip, sim::Ip4>)
 		ip.ttl = 255, ip.id = 0, ip.frag = 0;
+	else
+		ip.hop_limit = 64;
 	sim::Tcp o;
 	o.sport = t.dport, o.dport = t.sport, o.seq = t.ack, o.ack = t.seq + datalen;
 	o.flags = (t.flags & (sim::ECE | sim::CWR)) | sim::PSH | sim::ACK;
@@ -149,10 +151,22 @@ TEST_F(Forge, IPv6AckAndRedirectWithDebugLines)
 	EXPECT_EQ(want, kmodel_log());
 
 	// Behind extension headers the redirect is malformed but stays inside
-	// its buffer: 60 header bytes and the text.
+	// its buffer: 60 header bytes and the text. Its checksum sums as many
+	// bytes from the TCP header (at 48) as follow the fixed header, the
+	// last 8 of them the request's own bytes behind the packet's end.
 	r.clear_sent();
-	ASSERT_EQ(0, send_blkpage6(kUrl, rx(sim::ip6_tcp(client_ip6({ { 0, { 1, 4, 0, 0, 0, 0 } } }), t))));
-	EXPECT_EQ(60 + page_for(kUrl).size(), sent_ip().at(0).size());
+	const Bytes ext = sim::ip6_tcp(client_ip6({ { 0, { 1, 4, 0, 0, 0, 0 } } }), t);
+	ASSERT_EQ(0, send_blkpage6(kUrl, rx(ext)));
+	const Bytes out = sent_ip().at(0);
+	const size_t n = page_for(kUrl).size();
+	ASSERT_EQ(60 + n, out.size());
+	Bytes seg(out.begin() + 48, out.end());
+	seg.insert(seg.end(), ext.begin() + 60 + n, ext.begin() + 68 + n);
+	seg[16] = seg[17] = 0;
+	Bytes pseudo6(out.begin() + 8, out.begin() + 40);
+	pseudo6.insert(pseudo6.end(), { 0, 0, uint8_t((20 + n) >> 8), uint8_t(20 + n), 0, 0, 0, 6 });
+	uint16_t sum6 = sim::fold_complement(sim::sum16(seg.data(), seg.size(), sim::sum16(pseudo6.data(), pseudo6.size())));
+	EXPECT_EQ(sum6, out[48 + 16] << 8 | out[48 + 17]);
 }
 
 TEST_F(Forge, FailuresLogTheirLinesAndSendNothingBroken)
@@ -185,6 +199,36 @@ TEST_F(Forge, FailuresLogTheirLinesAndSendNothingBroken)
 	EXPECT_TRUE(r.sent().empty());
 }
 
+// The rewrite's result is never asked: a page larger than the copy's room
+// is cut to it, and a copy whose TCP header cannot be found goes out as it
+// is, by the route it has.
+TEST_F(Forge, RedirectIsSentWhateverTheRewriteMakesOfTheCopy)
+{
+	const sim::Tcp t = request(10);
+	const Bytes in = sim::ip4_tcp(client_ip(), t);
+	struct sk_buff *small = kmodel_skb_build(in.data(), in.size(), in.size(), 64, 0, 100);
+	held.push_back(small);
+	const std::string url(600, 'x');
+	const size_t room = skb_end_pointer(small) - small->data - 40;
+	ASSERT_LT(room, page_for(url).size());
+	ASSERT_EQ(0, send_blkpage(url.c_str(), small));
+	Bytes want = redirect(client_ip(), t, 10, url);
+	ASSERT_EQ(1u, sent_ip().size());
+	const Bytes got = sent_ip()[0];
+	ASSERT_EQ(40 + room, got.size());
+	EXPECT_EQ(Bytes(want.begin() + 40, want.begin() + 40 + room), Bytes(got.begin() + 40, got.end()));
+
+	// A hop-by-hop header that runs past the packet: no TCP header.
+	Bytes lost = sim::ip6_tcp(client_ip6(), request(0));
+	lost[6] = 0;
+	lost[41] = 200;
+	kmodel_log_clear();
+	EXPECT_EQ(-1, send_blkpage6(kUrl, rx(lost)));
+	EXPECT_EQ((Lines{ "<7>[output_packet]: No header cache and no neighbour, output failed!\n\n",
+			  "<3>[send_blkpage6]: send block page failed!\n\n" }),
+		  kmodel_log());
+}
+
 TEST_F(Forge, RedirectWithoutRouteLeavesByTheInheritedRoute)
 {
 	sim::Ip4 stranger = client_ip();
@@ -202,7 +246,7 @@ TEST_F(Forge, RedirectWithoutRouteLeavesByTheInheritedRoute)
 	EXPECT_EQ(sim::ip4("10.9.9.9"), *(const uint32_t *)&sent_ip()[0][16]);
 }
 
-TEST_F(Forge, HeaderClaimingMissingOptionsCountsNoPayload)
+TEST_F(Forge, HeaderClaimingMissingOptionsGoesBackBySequence)
 {
 	// A data offset of 15 words on a bare 20-byte header, checksum right.
 	sim::Tcp liar = request(0);
@@ -219,7 +263,10 @@ TEST_F(Forge, HeaderClaimingMissingOptionsCountsNoPayload)
 	ASSERT_EQ(0, ack_client(skb));
 	ASSERT_EQ(0, send_blkpage(kUrl, skb));
 	ASSERT_EQ(2u, sent_ip().size());
+	// The payload length is the packet's end less the 60 bytes claimed:
+	// -40, and the acknowledgement goes back by as much.
+	const uint32_t ack = request(0).seq - 40;
+	const Bytes want = { uint8_t(ack >> 24), uint8_t(ack >> 16), uint8_t(ack >> 8), uint8_t(ack) };
 	for (const Bytes &p : sent_ip())
-		EXPECT_EQ(Bytes(lie.begin() + 24, lie.begin() + 28), Bytes(p.begin() + 28, p.begin() + 32))
-			<< "acknowledges the sequence number alone";
+		EXPECT_EQ(want, Bytes(p.begin() + 28, p.begin() + 32));
 }

@@ -89,12 +89,16 @@ inline sim::Tcp request(size_t payload, uint8_t flags = sim::ACK | sim::PSH)
 	return t;
 }
 
+// The received headers carry what the forged ones must not keep: a TTL or
+// hop limit of their own, no DF, an identification, TOS bits outside the
+// route's mask.
 inline sim::Ip4 client_ip(Bytes options = {})
 {
 	sim::Ip4 ip;
 	ip.src = kClient;
 	ip.dst = kServer;
-	ip.tos = 0x10;
+	ip.tos = 0x13;
+	ip.ttl = 30, ip.frag = 0, ip.id = 0x4321;
 	ip.options = options;
 	return ip;
 }
@@ -106,6 +110,7 @@ inline sim::Ip6 client_ip6(std::vector<sim::Ext6> ext = {})
 	ip.dst = kServer6;
 	ip.traffic_class = 0x20;
 	ip.flow_label = 0x12345;
+	ip.hop_limit = 9;
 	ip.ext = ext;
 	return ip;
 }

@@ -31,6 +31,10 @@ TEST_F(Forge, ReverseRebuildIPv4SetsEveryFieldForEachSelector)
 			int refs = kmodel_ct_refs(ct);
 			struct sk_buff *n = rebuild_packet(skb, 300, c.sel, 1);
 			ASSERT_NE(nullptr, n);
+			const struct flowi &fl = kmodel_route_last_flowi(AF_INET);
+			EXPECT_EQ(kClient, fl.fl4_dst);
+			EXPECT_EQ(0u, fl.fl4_src);
+			EXPECT_EQ(0x12, fl.fl4_tos) << "TOS bits of the route's mask only";
 			EXPECT_EQ(nullptr, n->nfct) << "reverse rebuilds are untracked";
 			EXPECT_EQ(refs, kmodel_ct_refs(ct)) << "the copy's reference was dropped";
 			EXPECT_EQ(r.br0(), n->dev);
@@ -115,17 +119,34 @@ TEST_F(Forge, RebuildIPv6WithAndWithoutExtensionHeaders)
 	ASSERT_EQ(40, off);
 	struct sk_buff *n = rebuild_packet6(skb, 100, REBUILD_ACK, &off, 1);
 	ASSERT_NE(nullptr, n);
+	const struct flowi &fl = kmodel_route_last_flowi(AF_INET6);
+	EXPECT_EQ(0, memcmp(&fl.fl6_dst, kClient6.data(), 16));
+	EXPECT_EQ(0, memcmp(&fl.fl6_src, kServer6.data(), 16));
+	EXPECT_EQ(htons(80), fl.fl_ip_sport);
+	EXPECT_EQ(htons(40000), fl.fl_ip_dport);
+	EXPECT_EQ(0u, fl.fl6_flowlabel);
 	EXPECT_EQ(nullptr, n->nfct);
 	EXPECT_EQ(htons(0x86DD), n->protocol);
 	ASSERT_EQ(0, output_packet(n));
 	EXPECT_EQ(sim::hex(reply6(ip, t, sim::ACK, t.seq + 100)), sim::hex(sent_ip().at(0)));
 
-	// Behind an 8-byte destination-options header the TCP header no longer
-	// fits the 60 bytes kept: its first 12 bytes are sent, rewritten.
-	const Bytes in = sim::ip6_tcp(client_ip6({ { 60, { 1, 4, 0, 0, 0, 0 } } }), t);
+	// Behind an 8-byte destination-options header the received checksum is
+	// checked as if the TCP header followed the fixed one: a pseudo-header
+	// of all 108 bytes behind it, a sum of the 100 segment bytes the packet
+	// holds. A segment summed the usual way fails; one summed that way is
+	// answered, and since its TCP header no longer fits the 60 bytes kept,
+	// its first 12 bytes are sent, rewritten.
+	Bytes in = sim::ip6_tcp(client_ip6({ { 60, { 1, 4, 0, 0, 0, 0 } } }), t);
 	skb = rx(in);
 	off = ipv6_tcp_offset(skb);
 	ASSERT_EQ(48, off);
+	kmodel_log_clear();
+	EXPECT_EQ(nullptr, rebuild_packet6(skb, 100, REBUILD_FIN_ACK, &off, 1));
+	EXPECT_EQ(Lines{ "<7>[rebuild_packet6]: tcp_v6_check error\n" }, kmodel_log());
+	uint32_t sum = uint16_t(~(in[64] << 8 | in[65])) + 8u; // 8 more bytes of length
+	uint16_t check = ~uint16_t((sum & 0xffff) + (sum >> 16));
+	in[64] = check >> 8, in[65] = check & 0xff;
+	skb = rx(in);
 	n = rebuild_packet6(skb, 100, REBUILD_FIN_ACK, &off, 1);
 	ASSERT_NE(nullptr, n);
 	ASSERT_EQ(0, output_packet(n));
@@ -169,11 +190,13 @@ TEST_F(Forge, RebuildIPv6RefusalsAndRouteFailures)
 	int off = 40;
 	EXPECT_EQ(nullptr, rebuild_packet6(rx(sim::ip6_tcp(client_ip6(), request(0))), 0, REBUILD_ACK, &off, 1));
 	EXPECT_EQ(Lines{ "<7>[route_packet6]: dst == NULL\n" }, kmodel_log());
-	// An offset outside the packet is refused, never followed.
-	for (int bad_off : { -1, 20, 42, 44 }) {
+	// An offset whose header lies outside the packet is never followed.
+	kmodel_log_clear();
+	for (int bad_off : { -1, 61, 1000 }) {
 		off = bad_off;
 		EXPECT_EQ(nullptr, rebuild_packet6(rx(sim::ip6_tcp(client_ip6(), request(0))), 0, 0, &off, 1));
 	}
+	EXPECT_TRUE(kmodel_log().empty());
 	EXPECT_TRUE(r.sent().empty());
 }
 
@@ -202,12 +225,20 @@ TEST_F(Forge, OutputByNeighbourOrNeither)
 	}
 	EXPECT_EQ(Lines{ "<7>[output_packet]: No header cache and no neighbour, output failed!\n\n" }, kmodel_log());
 
-	// Too little room in front for the cached header: dropped, not overrun.
+	// Room in front for the 14-byte header but not the 16-byte block: the
+	// same frame; less room than the header: dropped, never overrun.
 	Bytes in = sim::ip4_tcp(client_ip(), request(0));
-	struct sk_buff *tight = kmodel_skb_build(in.data(), in.size(), in.size(), 8);
-	n = rebuild_packet(tight, 0, REBUILD_ACK, 1);
-	kfree_skb(tight);
-	ASSERT_NE(nullptr, n);
-	EXPECT_EQ(-ENOMEM, output_packet(n));
-	EXPECT_EQ(1u, r.sent().size());
+	for (size_t headroom : { 14, 13 }) {
+		struct sk_buff *tight = kmodel_skb_build(in.data(), in.size(), in.size(), headroom);
+		n = rebuild_packet(tight, 0, REBUILD_ACK, 1);
+		kfree_skb(tight);
+		ASSERT_NE(nullptr, n);
+		EXPECT_EQ(headroom == 14 ? 0 : -ENOMEM, output_packet(n));
+	}
+	ASSERT_EQ(2u, r.sent().size());
+	Bytes frame = r.sent()[1].frame;
+	EXPECT_EQ(Bytes(sim::kClientMac.begin(), sim::kClientMac.end()), Bytes(frame.begin(), frame.begin() + 6));
+	EXPECT_EQ(Bytes(sim::kBr0Mac.begin(), sim::kBr0Mac.end()), Bytes(frame.begin() + 6, frame.begin() + 12));
+	EXPECT_EQ(sim::hex(reply4(client_ip(), request(0), sim::ACK, request(0).seq)),
+		  sim::hex(Bytes(frame.begin() + 14, frame.end())));
 }

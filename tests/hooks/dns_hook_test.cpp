@@ -163,7 +163,7 @@ TEST_F(DnsHook, TheNewestQueryTakesTheAnswer)
 TEST_F(DnsHook, UpdateHostRecordsAreNeverDuplicatedAndSurviveSweeps)
 {
 	services(true, false);
-	const char *host = fw_update_host;
+	const char *host = FW_UPDATE_HOST;
 	// Written in capitals by the client; the decoder lower-cases it.
 	std::string upper = host;
 	for (auto &c : upper)
@@ -188,12 +188,11 @@ TEST_F(DnsHook, UpdateHostRecordsAreNeverDuplicatedAndSurviveSweeps)
 	after.push_back({ "203.0.113.5", "late.example.test", 0, 0 });
 	EXPECT_EQ(after, pct_records());
 
-	// Another name can be given to the filter before it loads.
-	set_fw_update_host("Updates.Router.Test");
-	EXPECT_TRUE(is_fw_update_host("updates.router.test"));
-	EXPECT_FALSE(is_fw_update_host("updates.router.test.evil"));
-	set_fw_update_host(nullptr);
-	EXPECT_STREQ(host, fw_update_host);
+	// The whole name, in any case, and nothing longer or shorter.
+	std::string longer = std::string(host) + ".evil", shorter(host, strlen(host) - 1);
+	EXPECT_TRUE(is_fw_update_host(upper.c_str()));
+	EXPECT_FALSE(is_fw_update_host(longer.c_str()));
+	EXPECT_FALSE(is_fw_update_host(shorter.c_str()));
 }
 
 TEST_F(DnsHook, CollisionsAndMalformedDatagrams)
@@ -238,8 +237,80 @@ TEST_F(DnsHook, CollisionsAndMalformedDatagrams)
 	EXPECT_TRUE(r.forward(q6, r.br0(), r.wan(), sim::kClientMac, 44).accepted());
 	EXPECT_EQ(2u, dns_records().size());
 
+	// Only UDP is read: a TCP segment to port 53 whose header, read as a
+	// UDP header and a DNS header, would make a query is not.
+	const Bytes query = dns_query(6, "tcp.example.test");
+	Bytes question(query.begin() + 12, query.end());
+	Bytes seg = tcp(kClient, kResolver, 40001, 53, sim::FIN, question);
+	const uint8_t as_dns[16] = { 0, 48, 0, 0, 0, 6, 1, 0, 0, 1, 0, 0, 0, 0, 0, 0 }; // length 48, id 6, RD, one question
+	std::copy(as_dns, as_dns + 16, seg.begin() + 24);
+	up(seg);
+	EXPECT_EQ(2u, dns_records().size());
+
 	kmodel_log_clear();
 	EXPECT_TRUE(up(udp("ff02::1", "fd00::1", 40001, 53, dns_query(5, "m.example.test"))).accepted());
 	EXPECT_EQ("<7>[dns6_hook]: dns6_hook: IPv6 address is not unicast.\n\n", kmodel_log().at(0));
 	EXPECT_EQ(2u, dns_records().size());
+}
+
+// Each service seeds only its own tables, for the family of each answered
+// address; a UDP length under 8 or past the packet stops the snooping, one
+// short of the message does not (the message runs to the end of the data);
+// IPv6 answers are found behind extension headers.
+TEST_F(DnsHook, SeedingFollowsTheServicesAndTheDatagram)
+{
+	struct {
+		bool wp, pc;
+		size_t pct, pct6, ssl, ssl6;
+	} modes[] = { { true, false, 1, 1, 0, 0 }, { false, true, 0, 0, 1, 1 }, { true, true, 1, 1, 1, 1 } };
+	int id = 1;
+	for (auto &m : modes) {
+		SCOPED_TRACE(testing::Message() << "wp " << m.wp << " pc " << m.pc);
+		services(m.wp, m.pc);
+		std::string name = "svc" + std::to_string(id) + ".example.test";
+		std::string v4 = "198.51.100." + std::to_string(id), v6 = "2001:db8:7::" + std::to_string(id);
+		size_t pct = pct_records().size(), pct6 = pct6_records().size();
+		size_t ssl = ssl_records().size(), ssl6 = ssl6_records().size();
+		resolve(name.c_str(), { v4.c_str() }, { v6.c_str() });
+		EXPECT_EQ(m.pct, pct_records().size() - pct);
+		EXPECT_EQ(m.pct6, pct6_records().size() - pct6);
+		EXPECT_EQ(m.ssl, ssl_records().size() - ssl);
+		EXPECT_EQ(m.ssl6, ssl6_records().size() - ssl6);
+		id++;
+	}
+
+	services(true, false);
+	sim::Ip4 ip;
+	ip.src = sim::ip4(kResolver), ip.dst = sim::ip4(kClient);
+	struct {
+		int delta; // UDP length field against the IP packet's length
+		size_t seeded;
+	} lengths[] = { { 1, 0 }, { 0, 1 }, { -1, 1 }, { -100000, 0 } };
+	for (auto &l : lengths) {
+		SCOPED_TRACE(l.delta);
+		std::string name = "len" + std::to_string(id++) + ".example.test";
+		up(udp(kClient, kResolver, 40001, 53, dns_query(7, name)));
+		sim::Udp u;
+		u.sport = 53, u.dport = 40001;
+		u.payload = dns_response(7, name, { "203.0.113.9" });
+		size_t total = 20 + 8 + u.payload.size();
+		u.length_override = l.delta < -1000 ? 7 : total + l.delta;
+		size_t before = pct_records().size();
+		down(sim::ip4_udp(ip, u));
+		EXPECT_EQ(l.seeded, pct_records().size() - before);
+		if (pct_tracking *rec = pct_find(sim::ip4("203.0.113.9")))
+			pct_delete(rec);
+	}
+
+	// Behind a destination-options header.
+	sim::Ip6 ip6;
+	ip6.src = sim::ip6("2001:4860::8888"), ip6.dst = kClient6;
+	ip6.ext = { { 60, { 1, 4, 0, 0, 0, 0 } } };
+	sim::Udp u6;
+	u6.sport = 53, u6.dport = 40001;
+	u6.payload = dns_response(8, "ext.example.test", {}, { "2001:db8:7::99" });
+	up(udp("2001:db8:1::10", "2001:4860::8888", 40001, 53, dns_query(8, "ext.example.test", 28)));
+	down(sim::ip6_udp(ip6, u6));
+	EXPECT_EQ("ext.example.test", pct6_records().back().host);
+	EXPECT_EQ("2001:db8:7::99", pct6_records().back().addr);
 }

@@ -415,13 +415,19 @@ protected:
 
 	// The daemon: the requests received since the last look, its replies
 	// (the request's header fields echoed, kind 1, the service plus one).
+	// Every request travels in one 592-byte message of type 0 to group 1.
 	std::vector<rating_request> requests()
 	{
 		std::vector<rating_request> out;
-		for (const Bytes &p : peer.read_payloads()) {
-			EXPECT_EQ(sizeof(rating_request), p.size());
+		for (const kmodel_nl_msg &m : peer.read()) {
+			const Bytes want_header = { 0x50, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0 };
+			EXPECT_EQ(16 + sizeof(rating_request), m.bytes.size());
+			EXPECT_EQ(1u, m.dst_group);
+			if (m.bytes.size() < 16)
+				continue;
+			EXPECT_EQ(sim::hex(want_header), sim::hex(Bytes(m.bytes.begin(), m.bytes.begin() + 16)));
 			rating_request q = {};
-			memcpy(&q, p.data(), std::min(p.size(), sizeof(q)));
+			memcpy(&q, m.bytes.data() + 16, std::min(m.bytes.size() - 16, sizeof(q)));
 			out.push_back(q);
 		}
 		return out;

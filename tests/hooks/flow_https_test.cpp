@@ -76,14 +76,18 @@ TEST_F(HttpsHook, UntrustedFlowsAreRatedByEveryPacketUntilAVerdict)
 	reply(req[2], BLOCK);
 	EXPECT_EQ(Lines{ "<7>[receive_from_user]: [PC]non-HTTP: host=chat.example.test --> BLOCK\n" },
 		  kmodel_log());
-	// Blocked for good, each packet keeping the record alive.
+	// Blocked for good, each packet keeping the record alive through the
+	// sweep that the next answer's record brings.
 	r.neighbour(kClient, r.br0(), sim::kClientMac, NUD_REACHABLE, 0);
 	for (int i = 0; i < 3; i++) {
 		r.advance(50000);
 		EXPECT_TRUE(dropped(up(pkt)));
 		EXPECT_TRUE(dropped(down(tcp(kServer, kClient, 443, 40000))));
 	}
-	ASSERT_EQ(1u, ssl_records().size());
+	r.advance(50000);
+	resolve("next.example.test", { "198.51.100.44" });
+	ASSERT_EQ(2u, ssl_records().size());
+	EXPECT_EQ(kName, ssl_records()[0].host);
 	EXPECT_TRUE(requests().empty());
 
 	// Another flow: WHITE_PASS passes it and marks its connection white.
@@ -97,39 +101,85 @@ TEST_F(HttpsHook, UntrustedFlowsAreRatedByEveryPacketUntilAVerdict)
 	EXPECT_EQ(1, ssl_records().back().trust);
 }
 
-TEST_F(HttpsHook, ExemptionsTimeBlocksAndConntrack)
+TEST_F(HttpsHook, ExemptionsTimeBlocksAndConntrackInBothFamilies)
 {
-	auto unrecorded = tcp(kClient, "203.0.113.80", 40000, 443);
-	EXPECT_TRUE(up(unrecorded).accepted()); // unlisted device
+	struct {
+		const char *client, *server, *unrecorded, *resolver;
+	} fams[] = {
+		{ kClient, kServer, "203.0.113.80", kResolver },
+		{ "2001:db8:1::10", "2001:db8:2::443", "2001:db8:2::99", "2001:4860::8888" },
+	};
+	for (auto &f : fams) {
+		SCOPED_TRACE(f.client);
+		const bool v6 = strchr(f.client, ':');
+		auto unrecorded = tcp(f.client, f.unrecorded, 40000, 443);
+		auto recorded = tcp(f.client, f.server, 40000, 443);
+		EXPECT_TRUE(up(unrecorded).accepted()); // unlisted device
 
-	ASSERT_EQ(0, tblk_insert(sim::kClientMac.data()));
-	EXPECT_TRUE(dropped(up(unrecorded)));
-	r.conntrack(unrecorded)->white_mark = 1;
-	EXPECT_TRUE(up(unrecorded).accepted());
-	r.set_tracking(false);
-	kmodel_log_clear();
-	EXPECT_TRUE(dropped(up(unrecorded)));
-	EXPECT_EQ(Lines{ "<3>[is_white_conn]: no conntrack!\n\n" }, kmodel_log());
-	// A recorded flow without conntrack: dropped without a word or a request.
-	resolve(kName, { kServer });
-	kmodel_log_clear();
-	EXPECT_TRUE(dropped(up(tcp(kClient, kServer, 40000, 443))));
-	EXPECT_EQ(Lines{}, kmodel_log());
-	EXPECT_TRUE(requests().empty());
-	r.set_tracking(true);
+		ASSERT_EQ(0, tblk_insert(sim::kClientMac.data()));
+		EXPECT_TRUE(dropped(up(unrecorded)));
+		// The MAC is the frame's on either bridge: another device on br1
+		// is not the listed one.
+		EXPECT_TRUE(r.forward(unrecorded, r.br1(), r.wan(), kClient2Mac).accepted());
+		EXPECT_TRUE(dropped(r.forward(unrecorded, r.br1(), r.wan(), sim::kClientMac)));
+		// DNS with at least 13 bytes of payload and HTTP are not judged.
+		for (size_t len : { 12, 13 }) {
+			auto dns = udp(f.client, f.resolver, 40001, 53, Bytes(len, 0));
+			EXPECT_EQ(len == 13, r.forward(dns, lan, r.wan(), sim::kClientMac).accepted()) << len;
+		}
+		r.conntrack(unrecorded)->white_mark = 1;
+		EXPECT_TRUE(up(unrecorded).accepted());
+		r.set_tracking(false);
+		kmodel_log_clear();
+		// The HTTP hook's own IPv6 lines aside.
+		auto lines = [] {
+			Lines out;
+			for (const auto &l : kmodel_log())
+				if (l.rfind("<7>[forward_hook6]", 0))
+					out.push_back(l);
+			return out;
+		};
+		EXPECT_TRUE(dropped(up(unrecorded)));
+		EXPECT_EQ(Lines{ "<3>[is_white_conn]: no conntrack!\n\n" }, lines());
+		// A recorded flow without conntrack: dropped without a word or a request.
+		up(udp(f.client, f.resolver, 40001, 53, dns_query(1, kName, v6 ? 28 : 1)));
+		down(udp(f.resolver, f.client, 53, 40001,
+			 v6 ? dns_response(1, kName, {}, { f.server }) : dns_response(1, kName, { f.server })));
+		kmodel_log_clear();
+		EXPECT_TRUE(dropped(up(recorded)));
+		EXPECT_EQ(Lines{}, lines());
+		EXPECT_TRUE(requests().empty());
+		// Passed by the daemon, it is trusted, but still needs an entry.
+		rating_reply pass = {};
+		pass.kind = RATING_KIND_REPLY, pass.service = RATING_PC_REPLY, pass.verdict = PASS;
+		pass.family = v6 ? RATING_FAMILY_INET6 : RATING_FAMILY_INET;
+		Bytes ca = addr(f.client), sa = addr(f.server);
+		memcpy(pass.src_addr.raw, ca.data(), ca.size());
+		memcpy(pass.dst_addr.raw, sa.data(), sa.size());
+		send(pass);
+		EXPECT_TRUE(dropped(up(recorded)));
+		r.set_tracking(true);
+		EXPECT_TRUE(up(recorded).accepted());
+		// Untrusted again (as after a flush) for what follows.
+		if (v6)
+			ssl6_table->slots[0].trust = 0;
+		else
+			ssl_table->slots[0].trust = 0;
 
-	// A live exemption passes everything, recorded or not.
-	ASSERT_EQ(0, ublk_insert(sim::kClientMac.data(), "", 0));
-	EXPECT_TRUE(up(unrecorded).accepted());
-	r.conntrack(unrecorded)->white_mark = 0;
-	EXPECT_TRUE(up(tcp(kClient, kServer, 40000, 443)).accepted());
-	EXPECT_TRUE(requests().empty());
-	// Expired: deleted by the next packet, which is judged.
-	r.advance(900000);
-	EXPECT_TRUE(dropped(up(tcp(kClient, kServer, 40000, 443))));
-	EXPECT_EQ(1u, requests().size());
-	int expired = 0;
-	EXPECT_EQ(nullptr, ublk_get(sim::kClientMac.data(), &expired));
+		// A live exemption passes everything, recorded or not.
+		ASSERT_EQ(0, ublk_insert(sim::kClientMac.data(), "", 0));
+		EXPECT_TRUE(up(unrecorded).accepted());
+		r.conntrack(unrecorded)->white_mark = 0;
+		EXPECT_TRUE(up(recorded).accepted());
+		EXPECT_TRUE(requests().empty());
+		// Expired: deleted by the next packet, which is judged.
+		r.advance(900000);
+		EXPECT_TRUE(dropped(up(recorded)));
+		EXPECT_EQ(1u, requests().size());
+		int expired = 0;
+		EXPECT_EQ(nullptr, ublk_get(sim::kClientMac.data(), &expired));
+		tblk_flush();
+	}
 }
 
 TEST_F(HttpsHook, WithWpOnPcJudgesOnlyTheSecondBridge)
@@ -168,6 +218,17 @@ TEST_F(HttpsHook, Ipv6RequestsCarryThePacketsAddresses)
 	rated(pc_request(s, c, sim::kClientMac));
 	EXPECT_TRUE(dropped(up(tcp(c, s, 40000, 443))));
 	rated(pc_request(c, s, sim::kClientMac));
+	EXPECT_EQ(STATE_RATING, ssl6_records()[0].state);
+	// No memory for the request: the packet passes, nothing is sent.
+	kmodel_fail_alloc_flags(GFP_ATOMIC);
+	EXPECT_TRUE(up(tcp(c, s, 40000, 443)).accepted());
+	kmodel_fail_alloc_flags(0);
+	EXPECT_TRUE(requests().empty());
+	// WHITE_PASS marks the connection the record took from its packets.
+	EXPECT_TRUE(dropped(up(tcp(c, s, 40000, 443))));
+	reply(rated(pc_request(c, s, sim::kClientMac)), WHITE_PASS);
+	EXPECT_EQ(1, r.conntrack(tcp(c, s, 40000, 443))->white_mark);
+	EXPECT_TRUE(up(tcp(c, s, 40000, 443)).accepted());
 
 	kmodel_log_clear();
 	EXPECT_TRUE(down(tcp(s, "2001:db8:1::99", 443, 40000)).accepted());

@@ -32,6 +32,34 @@ TEST_F(PctHook, DnsHttpAndTheSecondBridgeAreLeftAlone)
 	EXPECT_TRUE(down(udp(kResolver, kClient, 53, 40001, Bytes(13))).accepted());
 	// Twelve bytes are no DNS message: judged by the table.
 	EXPECT_TRUE(dropped(up(udp(kClient, kResolver, 40001, 53, Bytes(12)))));
+	// The UDP length may reach the end of the IP packet, not beyond; a
+	// datagram without its whole UDP header is no DNS.
+	sim::Ip4 ip;
+	ip.src = sim::ip4(kClient), ip.dst = sim::ip4(kResolver);
+	sim::Udp u;
+	u.sport = 40001, u.dport = 53, u.payload = Bytes(20);
+	for (int extra : { 20, 21 })
+		for (size_t linear : { 24, 100 }) {
+			u.length_override = 8 + 20 + extra;
+			EXPECT_EQ(extra == 20, r.forward(sim::ip4_udp(ip, u), lan, r.wan(), sim::kClientMac, linear).accepted())
+				<< extra << " " << linear;
+		}
+	for (bool is_udp : { true, false }) {
+		Bytes cut = is_udp ? udp(kClient, kResolver, 40001, 53, Bytes(20)) : tcp(kClient, kServer, 40000, 80);
+		cut.resize(24);
+		cut[2] = 0, cut[3] = 24;
+		EXPECT_TRUE(dropped(up(cut))) << is_udp;
+	}
+	// Headers outside the linear area are pulled in and read: with only
+	// the IP header linear, DNS and HTTP are still recognised (the UDP
+	// length is made linear from the IP header, so 20 bytes of this
+	// message are).
+	for (size_t linear : { 20, 24 }) {
+		EXPECT_TRUE(r.forward(udp(kClient, kResolver, 40001, 53, Bytes(40)), lan, r.wan(), sim::kClientMac, linear)
+				    .accepted()) << linear;
+		EXPECT_TRUE(r.forward(tcp(kClient, kServer, 40000, 80), lan, r.wan(), sim::kClientMac, linear).accepted())
+			<< linear;
+	}
 	EXPECT_TRUE(up(tcp(kClient, kServer, 40000, 80)).accepted());
 	EXPECT_TRUE(down(tcp(kServer, kClient, 80, 40000)).accepted());
 
@@ -77,12 +105,15 @@ TEST_F(PctHook, RecordStatesDecideAndAFailedRequestAccepts)
 	EXPECT_TRUE(dropped(up(pkt))); // waiting: no second request
 	EXPECT_TRUE(requests().empty());
 
-	// Each packet refreshes the record: it outlives its first time-out.
+	// Each packet refreshes the record: it outlives its first time-out,
+	// through the sweep that the next answer's record brings.
 	r.advance(400000);
 	up(pkt);
 	r.advance(400000);
 	up(pkt);
-	ASSERT_EQ(1u, pct_records().size());
+	resolve("next.example.test", { "198.51.100.44" });
+	ASSERT_EQ(2u, pct_records().size());
+	EXPECT_EQ("game.example.test", pct_records()[0].host);
 
 	pct_update_state(pct_find(sim::ip4(kServer)), STATE_PASS);
 	EXPECT_TRUE(up(pkt).accepted());
@@ -90,7 +121,7 @@ TEST_F(PctHook, RecordStatesDecideAndAFailedRequestAccepts)
 	// Any other state is a block: the record goes with the next packet.
 	pct_update_state(pct_find(sim::ip4(kServer)), 5);
 	EXPECT_TRUE(dropped(up(pkt)));
-	EXPECT_TRUE(pct_records().empty());
+	EXPECT_EQ(nullptr, pct_find(sim::ip4(kServer)));
 	EXPECT_TRUE(requests().empty());
 }
 

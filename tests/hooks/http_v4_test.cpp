@@ -160,7 +160,13 @@ TEST_F(HookTest, HttpBlockStateResetsTheServerAndAnswersTheNextClientSegment)
 	EXPECT_EQ(Lines{ "<7>[forward_hook]: packet FROM server, reset it\n" }, kmodel_log());
 	EXPECT_EQ(std::vector<Bytes>{ expected_bare(before, false, sim::RST, before.cseq, 0) }, to_server());
 
+	// A client segment that cannot be acknowledged (a reset) is dropped
+	// and leaves the block waiting.
 	r.clear_sent();
+	EXPECT_FALSE(up(c.up(sim::RST | sim::ACK)).accepted());
+	EXPECT_TRUE(r.sent().empty());
+	EXPECT_EQ(STATE_BLOCK, record(c)->state);
+
 	std::string req = get_request("x.example");
 	before = c;
 	EXPECT_FALSE(up(c.up(sim::ACK | sim::PSH, req)).accepted());
@@ -290,6 +296,98 @@ TEST_F(HookTest, HttpLateDuplicateAndUnknownReplies)
 		  kmodel_log());
 }
 
+// The block page's address is the record's bounded copy: a reply whose 512
+// address bytes hold no NUL gives a Location of 511 characters. A slot that
+// a new connection takes over no longer holds the old connection's copy, so
+// a reply for the new one replays nothing.
+TEST_F(HookTest, HttpBlockPageAddressIsBoundedAndReusedSlotsHoldNoCopy)
+{
+	services(true, false);
+	Conn c;
+	handshake(c);
+	const std::string request = get_request("a.example");
+	Conn before = c;
+	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, request)).accepted());
+	auto reqs = requests();
+	ASSERT_EQ(1u, reqs.size());
+	rating_reply a = {};
+	memcpy(&a, &reqs[0], 48);
+	a.kind = RATING_KIND_REPLY, a.service = RATING_WP_REPLY, a.verdict = BLOCK;
+	memset(a.redirect_url, 'v', sizeof(a.redirect_url));
+	r.clear_sent();
+	send(a);
+	auto got = to_client();
+	ASSERT_EQ(2u, got.size());
+	EXPECT_EQ(sim::hex(expected_redirect(before, request, std::string(511, 'v').c_str())), sim::hex(got[1]));
+
+	// A connection waits for its verdict, expires, and its slot goes to
+	// the next connection; the reply for the new one finds no copy.
+	Conn old = conn(41000), next = conn(41001);
+	handshake(old);
+	ASSERT_TRUE(up(old.up(sim::ACK | sim::PSH, request)).accepted());
+	ASSERT_EQ(1u, requests().size());
+	struct tcp_tracking *slot = record(old);
+	ASSERT_NE(nullptr, slot->held_skb);
+	r.advance(60001);
+	ASSERT_TRUE(up(next.up(sim::SYN)).accepted());
+	ASSERT_EQ(slot, record(next));
+	EXPECT_EQ(nullptr, slot->held_skb);
+	EXPECT_EQ(0, kmodel_skb_stats_get().live);
+	rating_request for_next = reqs[0];
+	for_next.src_port = htons(next.cport);
+	r.clear_sent();
+	reply(for_next, PASS);
+	EXPECT_TRUE(r.sent().empty());
+}
+
+// Where the headers lie in the buffer does not decide whether a segment
+// is filtered: headers outside the linear area are pulled in and read. A
+// data offset that runs past the linear bytes gives a negative payload
+// length: no segment "without payload", and an empty request text.
+TEST_F(HookTest, HttpHeadersOutsideTheLinearAreaAndLyingDataOffsets)
+{
+	services(true, false);
+	for (bool v6 : { false, true }) {
+		SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
+		const size_t thoff = v6 ? 40 : 20;
+		// Only the first bytes of the network header are linear.
+		Conn c = conn(v6 ? 41100 : 41000, v6);
+		for (uint8_t flags : { sim::SYN, sim::ACK })
+			ASSERT_TRUE(r.forward(c.up(flags), lan, r.wan(), sim::kClientMac, 10).accepted());
+		ASSERT_NE(nullptr, record(c));
+		EXPECT_EQ(STATE_ESTAB, record(c)->state);
+		// The payload is read from the linear bytes only: none here, an
+		// undecodable request, which WP drops.
+		EXPECT_FALSE(r.forward(c.up(sim::ACK | sim::PSH, get_request("far.example")), lan, r.wan(),
+				       sim::kClientMac, 10).accepted());
+		EXPECT_EQ(STATE_ESTAB, record(c)->state);
+		EXPECT_TRUE(requests().empty());
+
+		// Options claimed up to 60 bytes, 20 bytes behind the header.
+		auto lying = [&](Conn &k, uint8_t flags) {
+			Bytes p = k.up(flags, std::string(20, 'z'));
+			p[thoff + 12] = 0xf0;
+			return p;
+		};
+		Conn s = conn(v6 ? 41101 : 41001, v6);
+		EXPECT_TRUE(up(lying(s, sim::SYN)).accepted());
+		EXPECT_EQ(nullptr, record(s)) << "a SYN with payload is not tracked";
+		Conn e = conn(v6 ? 41102 : 41002, v6);
+		handshake(e);
+		EXPECT_FALSE(up(lying(e, sim::ACK | sim::PSH)).accepted()) << "an empty text is no request: WP drops";
+		EXPECT_EQ(STATE_ESTAB, record(e)->state);
+		EXPECT_EQ(v6 ? 0u : 4u, record(e)->req_len);
+		EXPECT_TRUE(requests().empty());
+	}
+	// A packet too short for its TCP header is no segment: left alone
+	// (with PC only, an unlisted device's packet then passes every hook).
+	services(false, true);
+	Bytes cut = tcp(kClient, kServer, 40000, 80);
+	cut.resize(30);
+	cut[2] = 0, cut[3] = 30;
+	EXPECT_TRUE(up(cut).accepted());
+}
+
 // A table full of connections waiting for verdicts: the 101st takes over
 // the oldest, whose held copy goes with it; the others are still served.
 TEST_F(HookTest, HttpFullTableOfConnectionsWaitingForVerdicts)
@@ -356,6 +454,16 @@ TEST_F(HookTest, HttpPacketsTheHookLeavesAloneAndRequestText)
 	EXPECT_STREQ("nul.example", reqs[0].info.host);
 	EXPECT_EQ(req + "\r\n\r\n", std::string(record(n)->req_buf));
 	EXPECT_EQ(req.size() + 4, record(n)->req_len);
+
+	// No memory for the request: the segment goes on, the connection stays
+	// established and the next segment tries again.
+	Conn f = conn(40013);
+	handshake(f);
+	kmodel_fail_alloc_flags(GFP_ATOMIC);
+	EXPECT_TRUE(up(f.up(sim::ACK | sim::PSH, req)).accepted());
+	kmodel_fail_alloc_flags(0);
+	EXPECT_EQ(STATE_ESTAB, record(f)->state);
+	EXPECT_TRUE(requests().empty());
 
 	// A long request is cut at 2046 characters; req_len keeps the length.
 	Conn l = conn(40012);

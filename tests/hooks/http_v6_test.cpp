@@ -5,6 +5,8 @@
 
 #include "tests/hooks/fixture.h"
 
+#include "lists/unblock.h"
+
 #include "net/netfilter/nf_conntrack.h"
 
 using namespace hooks_test;
@@ -154,6 +156,25 @@ TEST_F(HookTest, HttpIpv6CollectionLimitsAndPacketsLeftAlone)
 	EXPECT_EQ(big.substr(0, 2043) + "\r\n\r\n", std::string(record(c)->req_buf));
 	EXPECT_EQ(STATE_ESTAB, record(c)->state) << "no Host line: undecodable, WP drops";
 	EXPECT_FALSE(up(c.up(sim::ACK, "more")).accepted()) << "no room left";
+
+	// The held text must hold 5 characters before its end is looked at:
+	// "\r\n\r\n" alone is dropped, one more character makes an undecodable
+	// request, which PC alone lets an unlisted device send.
+	// An exempted device's undecodable request passes its connection.
+	services(false, true);
+	for (const char *text : { "\r\n\r\n", "x\r\n\r\n" }) {
+		Conn t = conn(text[0] == 'x' ? 40006 : 40005, true);
+		handshake(t);
+		EXPECT_EQ(text[0] == 'x', up(t.up(sim::ACK, text)).accepted()) << text;
+		EXPECT_EQ(STATE_ESTAB, record(t)->state);
+	}
+	ASSERT_EQ(0, ublk_insert(sim::kClientMac.data(), "", 0));
+	Conn x = conn(40007, true);
+	handshake(x);
+	EXPECT_TRUE(up(x.up(sim::ACK, "x\r\n\r\n")).accepted());
+	EXPECT_EQ(STATE_PASS, record(x)->state);
+	ublk_flush(0);
+	services(true, false);
 
 	// An empty Host value is dropped and stays in ESTAB.
 	Conn e = conn(40001, true);

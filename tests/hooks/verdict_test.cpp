@@ -108,3 +108,56 @@ TEST_F(HookTest, VerdictsForNonHttpWpFlows)
 			  "<3>[handle6]: unexpected packet type incoming to hook, 0, 3\n" }),
 		  kmodel_log());
 }
+
+// An HTTP connection's verdict in each family, with and without a
+// conntrack entry: PASS and WHITE_PASS replay the held request once (the
+// white mark only where an IPv4 entry was recorded), and the connection is
+// forgotten at its next packet; an unknown verdict changes nothing.
+TEST_F(HookTest, HttpVerdictsInBothFamiliesWithAndWithoutConntrack)
+{
+	services(true, false);
+	uint16_t port = 42000;
+	for (bool v6 : { false, true })
+		for (bool tracked : { true, false })
+			for (uint32_t verdict : { uint32_t(PASS), uint32_t(WHITE_PASS), 7u }) {
+				SCOPED_TRACE(testing::Message() << "v6 " << v6 << " tracked " << tracked << " verdict " << verdict);
+				r.set_tracking(tracked);
+				Conn c = conn(port++, v6);
+				handshake(c);
+				const Bytes request = c.up(sim::ACK | sim::PSH, get_request("v.example"));
+				ASSERT_TRUE(up(request).accepted());
+				auto reqs = requests();
+				ASSERT_EQ(1u, reqs.size());
+				r.clear_sent();
+				reply(reqs[0], verdict);
+				const bool pass = verdict != 7;
+				ASSERT_EQ(pass ? 1u : 0u, to_server().size());
+				EXPECT_EQ(pass ? sim::hex(request) : "", pass ? sim::hex(to_server()[0]) : "");
+				EXPECT_EQ(pass ? int(verdict == PASS ? STATE_PASS : STATE_WHITE_PASS) : STATE_RATING, record(c)->state);
+				EXPECT_EQ(tracked && !v6 && verdict == WHITE_PASS,
+					  tracked && r.conntrack(request)->white_mark);
+				EXPECT_EQ(pass, up(c.up(sim::ACK)).accepted());
+				EXPECT_EQ(pass, record(c) == nullptr);
+			}
+	r.set_tracking(true);
+}
+
+// Each packet of a tracked connection refreshes its record: it outlives
+// its first time-out through the sweep that the next connection's add
+// brings, while a connection left alone is swept.
+TEST_F(HookTest, HttpPacketsRefreshTheirConnection)
+{
+	services(true, false);
+	for (bool v6 : { false, true }) {
+		SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
+		Conn live = conn(43000, v6), idle = conn(43001, v6), next = conn(43002, v6);
+		handshake(live);
+		handshake(idle);
+		r.advance(40000);
+		down(live.down(sim::ACK)); // accepted over IPv4, dropped over IPv6
+		r.advance(40000);
+		ASSERT_TRUE(up(next.up(sim::SYN)).accepted());
+		EXPECT_NE(nullptr, record(live));
+		EXPECT_EQ(nullptr, record(idle));
+	}
+}

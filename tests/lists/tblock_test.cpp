@@ -218,9 +218,30 @@ TEST_F(Lists, TblockWriteBounds)
 	EXPECT_EQ("ee:00:00:00:00:00", mac_text(tblk_entries()[0]->mac));
 	EXPECT_EQ(-EFAULT, tblock("del " + std::string(295, '0')));
 	tblk_flush();
-	std::string nul_inside("add 00:11:22:33:44:55\0:66", 25);
-	EXPECT_EQ(25, tblock(nul_inside));
-	EXPECT_EQ("00:11:22:33:44:55", mac_text(tblk_entries()[0]->mac));
+	take_log();
+
+	// A NUL ends a command only where nothing but NULs follows it; text
+	// behind a NUL would be silently cut off, so the write is refused.
+	struct {
+		std::string text;
+		int result;
+		size_t entries;
+	} nuls[] = {
+		{ std::string("add 00:11:22:33:44:55\0", 22), 22, 1 },
+		{ std::string("add 00:11:22:33:44:55\0\0\0", 24), 24, 1 },
+		{ std::string("add 00:11:22:33:44:55\0:66", 25), -EINVAL, 0 },
+		{ std::string("flush\0add 00:11:22:33:44:55", 28), -EINVAL, 1 },
+	};
+	for (auto &c : nuls) {
+		SCOPED_TRACE(c.result);
+		if (c.entries == 1 && c.result < 0)
+			tblock("add 00:11:22:33:44:55");
+		take_log();
+		EXPECT_EQ(c.result, tblock(c.text));
+		EXPECT_EQ(c.entries, tblk_entries().size());
+		EXPECT_EQ("<7>[tblk_proc_write]: tblock_string=" + std::string(c.text.c_str()) + "\n\n", take_log().at(0));
+		tblk_flush();
+	}
 }
 
 } // namespace

@@ -231,9 +231,45 @@ TEST_F(Lists, UnblockRefusals)
 	std::string long_cmd = cmd + std::string(300 - cmd.size(), ' ');
 	EXPECT_EQ(-EFAULT, unblock(long_cmd));
 	EXPECT_EQ(-EFAULT, kmodel_proc_write("unblock_proc", cmd.data(), cmd.size(), /*bad_address=*/true));
-	EXPECT_EQ((Lines{ "<7>[tm_proc_write]: buff=" + long_cmd.substr(0, 299) + ", len=300\n\n",
+	EXPECT_EQ((Lines{ "<7>[tm_proc_write]: buff=" + long_cmd + ", len=300\n\n",
 			  "<7>[tm_proc_write]: buff=, len=19\n\n" }), take_log());
 	EXPECT_EQ(1u, ublk_entries().size());
+	// The first line echoes the caller's text whole, up to its first NUL
+	// and within the count; a log line holds 1023 characters at most.
+	std::string huge = cmd + std::string(2000, 'x');
+	EXPECT_EQ(-EFAULT, unblock(huge));
+	std::string huge_line = "<7>[tm_proc_write]: buff=" + huge;
+	EXPECT_EQ(Lines{ huge_line.substr(0, 1023) }, take_log());
+	std::string nul_early = cmd + std::string(1, '\0') + std::string(400, 'y');
+	EXPECT_EQ(-EFAULT, unblock(nul_early));
+	EXPECT_EQ(Lines{ "<7>[tm_proc_write]: buff=" + cmd + ", len=420\n\n" }, take_log());
+	// Only the count is read: text behind it never shows.
+	EXPECT_EQ(-EFAULT, kmodel_proc_write("unblock_proc", huge.data(), 305, false));
+	EXPECT_EQ("<7>[tm_proc_write]: buff=" + huge.substr(0, 305) + ", len=305\n\n", take_log().at(0));
+
+	// A NUL with text behind it would change the command (a URL exemption
+	// read as a device-wide one, a flush of one list only): refused, and
+	// nothing changes. Trailing NULs end the command as a terminator would.
+	struct {
+		std::string text;
+		int result;
+		size_t entries;
+		int flush;
+	} nuls[] = {
+		{ std::string("+|00:11:22:33:44:77\0|site/page", 31), -EINVAL, 1, 0 },
+		{ std::string("=|flush_ublk\0x", 14), -EINVAL, 1, 0 },
+		{ std::string("-|00:11:22:33:44:55\0\0", 21), 21, 0, 0 },
+		{ std::string("=|flush_ssl\0", 12), 12, 0, 1 },
+	};
+	for (auto &c : nuls) {
+		SCOPED_TRACE(c.result);
+		EXPECT_EQ(c.result, unblock(c.text));
+		EXPECT_EQ(c.entries, ublk_entries().size());
+		EXPECT_EQ(c.flush, get_flush_supending());
+		take_log();
+	}
+	set_flush_supending(0);
+	EXPECT_EQ(-EFAULT, unblock("+|00:11:22:33:44:55"));
 
 	// "-" takes the address unchecked; an insertion that cannot allocate
 	// still deletes the old exemption and returns the count.

@@ -76,7 +76,9 @@ protected:
 	}
 	void TearDown() override
 	{
+		void *dns = dns_table;
 		fini_flow_tables();
+		EXPECT_EQ(dns, dns_table) << "the DNS cache's pointer outlives its block";
 		EXPECT_EQ(0, kmodel_alloc_stats_get().live_blocks);
 	}
 };
@@ -155,6 +157,11 @@ TEST_F(Tables, FullDnsCacheLogsAndEvictsTheOldestUnrefreshed)
 	}
 	EXPECT_TRUE(kmodel_log().empty());
 	dns_update_timeout(dns_find("n0.example"));
+	// The slot taken over held a response: an add sets everything afresh.
+	dns_entry *old = dns_find("n1.example");
+	memset(old->addrs, 0xff, sizeof(old->addrs));
+	memset(old->spare, 0xff, sizeof(old->spare));
+	old->state = 1;
 	dns_info q = query("late.example", "192.168.1.2");
 	dns_add(&q);
 	EXPECT_EQ(Lines{ "<7>[dns_add]: dns table is full, delete oldest dns entry\n" }, kmodel_log());
@@ -163,6 +170,10 @@ TEST_F(Tables, FullDnsCacheLogsAndEvictsTheOldestUnrefreshed)
 	dns_entry *late = dns_find("late.example");
 	EXPECT_EQ(dns_table->slots + 1, late);
 	EXPECT_EQ(std::string(sizeof(late->addrs), '\0'), std::string((char *)late->addrs, sizeof(late->addrs)));
+	EXPECT_EQ(std::string(sizeof(late->spare), '\0'), std::string((char *)late->spare, sizeof(late->spare)));
+	EXPECT_EQ(0, late->state);
+	EXPECT_EQ(ip4("192.168.1.2"), late->client);
+	EXPECT_EQ(2, atomic_read(&late->refcnt)); // its add, and the find above
 
 	// Expiry waits for check_period even when entries are stale.
 	dns_delete(late);
@@ -188,9 +199,14 @@ TEST_F(Tables, FlowRecordFieldsAndSilentEviction)
 	EXPECT_EQ(1, kept->keep);
 	EXPECT_STREQ("update.example", kept->host);
 	EXPECT_EQ(jiffies + 600000, kept->node.expires);
+	kept->state = STATE_BLOCK;
 	for (int i = 0; i < 100; i++)
 		pct_add("y.example", ip4("10.1.0." + std::to_string(i)), 0);
 	EXPECT_EQ(nullptr, pct_find(ip4("203.0.113.1")));
+	// The kept record's slot was taken over by the last add, afresh.
+	EXPECT_EQ(ip4("10.1.0.99"), kept->addr);
+	EXPECT_EQ(0, kept->state);
+	EXPECT_EQ(0, kept->keep);
 	EXPECT_TRUE(kmodel_log().empty());
 	check_invariant(&pct_table->pool, pct_table->slots);
 }
@@ -207,21 +223,7 @@ TEST_F(Tables, FlowTablesKeepTheirOwnDeadlines)
 	EXPECT_NE(nullptr, pct6_find(b.b));
 }
 
-TEST_F(Tables, IPv6FlowBucketIsTheFourthByteOnly)
-{
-	pct6_hash_seed = 0x0badcafe;
-	Addr6 x("2001:0db8:1111:2222:3333:4444:5555:6666"); // byte 3 is 0xb8
-	Addr6 y("fe80:00b8::1");                              // byte 3 is 0xb8 too
-	pct6_add("x.example", x.b, 0);
-	pct6_add("y.example", y.b, 0);
-	EXPECT_EQ((std::vector<int>{ 1, 0 }), view(&pct6_table->pool, pct6_table->slots).buckets[pct6_hash(0xb8)]);
-	EXPECT_STREQ("x.example", pct6_find(x.b)->host);
-	EXPECT_STREQ("y.example", pct6_find(y.b)->host);
-	Addr6 z("2001:0db9:1111:2222:3333:4444:5555:6666"); // differs in byte 3 only
-	EXPECT_EQ(nullptr, pct6_find(z.b));
-}
-
-TEST_F(Tables, HttpsRecordsBothWaysForIPv4AndByDestinationForIPv6)
+TEST_F(Tables, HttpsTrustConntrackAndWithdrawal)
 {
 	iphdr up{}, down{};
 	up.saddr = down.daddr = ip4("192.168.1.2");
@@ -240,22 +242,8 @@ TEST_F(Tables, HttpsRecordsBothWaysForIPv4AndByDestinationForIPv6)
 	EXPECT_EQ(-1, ssl_update_nfconn(rec, &skb));
 	EXPECT_EQ(nullptr, rec->nfconn);
 
-	// IPv6: the all-zero client stands for any client; the bucket is the
-	// low seven bits of the destination's byte 12.
-	ipv6hdr to_server{}, to_client{};
-	Addr6 server("2001:db8:5::8500:1"), any("::"), host("2001:db8:1::7:1");
-	memcpy(&to_server.saddr, host.b, 16);
-	memcpy(&to_server.daddr, server.b, 16);
-	to_client.saddr = to_server.daddr;
-	to_client.daddr = to_server.saddr;
+	const Addr6 server("2001:db8:5::8500:1"), any("::");
 	ssl6_add(any.b, server.b, "six.example", STATE_ESTAB);
-	EXPECT_EQ(1u, view(&ssl6_table->pool, ssl6_table->slots).buckets[0x85 & 127].size());
-	ssl6_tracking *rec6 = ssl6_find(&to_server);
-	ASSERT_NE(nullptr, rec6);
-	EXPECT_EQ(nullptr, ssl6_find(&to_client)) << "looked up in the client's bucket";
-	// A client address with the same byte 12 lands in the record's bucket.
-	to_client.daddr.s6_addr[12] = 0x05;
-	EXPECT_EQ(rec6, ssl6_find(&to_client));
 
 	// Withdrawing trust logs one line per record with its bucket number
 	// (the sum of the address words as loaded): buckets in order, within one

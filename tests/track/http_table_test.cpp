@@ -103,36 +103,6 @@ TEST(HttpTableInit, LayoutLogAndFailures)
 	}
 }
 
-TEST_F(HttpTable, BothDirectionsFindOneRecord)
-{
-	Pkt4 c("192.168.1.2", "93.184.216.34", 50000, 80), s = c.reversed();
-	tcp_tracking *rec = add(c);
-	ASSERT_NE(nullptr, rec);
-	EXPECT_EQ(rec, tcp_find(&s.ip, &s.th));
-	EXPECT_EQ(3, atomic_read(&rec->refcnt));
-	EXPECT_EQ(STATE_SYN_RCVD, rec->state);
-	EXPECT_EQ(c.ip.saddr, rec->saddr);
-	EXPECT_EQ(htons(50000), rec->sport);
-	EXPECT_EQ(jiffies + 60000, rec->node.expires);
-	EXPECT_EQ(nullptr, rec->nfconn);
-	EXPECT_EQ(0u, rec->req_len);
-	EXPECT_EQ(std::string(512, '\0'), std::string(rec->redirect_url, 512));
-	EXPECT_EQ(std::string(2048, '\0'), std::string(rec->req_buf, 2048));
-	// Half-swapped tuples match nothing.
-	Pkt4 odd = c;
-	std::swap(odd.th.source, odd.th.dest);
-	EXPECT_EQ(nullptr, tcp_find(&odd.ip, &odd.th));
-
-	Pkt6 c6("2001:db8::2", "2001:db8:80::1", 50000, 80), s6 = c6.reversed();
-	tcp_tracking *rec6 = add(c6);
-	ASSERT_NE(nullptr, rec6);
-	EXPECT_EQ(rec6, tcp_find6(&s6.ip, &s6.th));
-	EXPECT_EQ(0, memcmp(&rec6->daddr6, &c6.ip.daddr, 16));
-	EXPECT_EQ(rec, tcp_find(&c.ip, &c.th));
-	check_invariant(&tcp_table->pool, tcp_table->slots);
-	check_invariant(&tcp_table6->pool, tcp_table6->slots);
-}
-
 TEST_F(HttpTable, FullTableTakesARecordInRatingSilently)
 {
 	for (int i = 0; i < 100; i++)

@@ -13,7 +13,9 @@
 #include "linux/ip.h"
 #include "linux/tcp.h"
 #include "reference.h"
+#include "linux/ipv6.h"
 #include "track/pct_table.h"
+#include "track/ssl_table.h"
 #include "track/tcp_table.h"
 #include "track_view.h"
 
@@ -21,7 +23,7 @@ using namespace track_test;
 
 namespace {
 
-using Key = std::array<uint8_t, 12>; // address bytes and port bytes as on the wire
+using Key = std::array<uint8_t, 36>; // client, server (4 or 16 bytes each), ports, as on the wire
 
 struct Model {
 	u32 timeout;
@@ -125,119 +127,372 @@ u32 random_step(std::mt19937 &rng, u32 timeout)
 	return rng() % 8 ? step : timeout + (u32)(rng() % 3) - 1;
 }
 
-struct Conn {
-	iphdr ip{};
-	tcphdr th{};
+// One table under the model: its operations on a key, the bucket the key
+// must land in (from the published description), and the fields an add
+// must set afresh in a slot that held something else before.
+template <class R> struct Table {
+	const char *name;
+	u32 timeout, *deadline;
+	int (*init)(void);
+	void (*fini)(void);
+	std::function<track_pool *()> pool;
+	std::function<R *()> slots;
+	std::function<Key(std::mt19937 &)> key;
+	std::function<uint32_t(const Key &, bool reverse)> bucket;
+	std::function<bool(const Key &rec, const Key &probe)> match;
+	std::function<void(const Key &, int keep)> add;
+	std::function<R *(const Key &, bool reverse)> find;
+	std::function<void(R *)> del, refresh, dirty;
+	std::function<void(const R *, const Key &, int keep)> fresh;
+	bool keeps;
 };
 
-Conn conn_of(const Key &k, bool reverse)
+// Addresses of a key as headers carry them (reverse: server to client).
+struct Hdr {
+	iphdr ip{};
+	ipv6hdr ip6{};
+	tcphdr th{};
+};
+Hdr hdr_of(const Key &k, bool reverse)
 {
-	Conn c;
-	memcpy(reverse ? &c.ip.daddr : &c.ip.saddr, &k[0], 4);
-	memcpy(reverse ? &c.ip.saddr : &c.ip.daddr, &k[4], 4);
-	memcpy(reverse ? &c.th.dest : &c.th.source, &k[8], 2);
-	memcpy(reverse ? &c.th.source : &c.th.dest, &k[10], 2);
-	return c;
+	Hdr h;
+	const uint8_t *c = &k[0], *s = &k[16], *cp = &k[32], *sp = &k[34];
+	if (reverse)
+		std::swap(c, s), std::swap(cp, sp);
+	memcpy(&h.ip.saddr, c, 4), memcpy(&h.ip.daddr, s, 4);
+	memcpy(&h.ip6.saddr, c, 16), memcpy(&h.ip6.daddr, s, 16);
+	memcpy(&h.th.source, cp, 2), memcpy(&h.th.dest, sp, 2);
+	return h;
 }
 
-// The published description: address words plus ports, as loaded natively.
-uint32_t tcp_bucket_ref(const Key &k)
+uint32_t sum_words(const uint8_t *p, int words)
 {
-	return (le32(&k[0]) + le32(&k[4]) + le16(&k[8]) + le16(&k[10])) & 127;
+	uint32_t s = 0;
+	for (int i = 0; i < words; i++)
+		s += le32(p + 4 * i);
+	return s;
 }
 
-TEST(TableModel, HttpTableFollowsTheModelAcrossTheWrap)
+// Both directions of the pair (or of one address) match.
+bool pair_match(const Key &r, const Key &k, size_t alen, bool ports)
 {
+	auto eq = [&](size_t a, size_t b, size_t n) { return !memcmp(&r[a], &k[b], n); };
+	bool fwd = eq(0, 0, alen) && eq(16, 16, alen) && (!ports || (eq(32, 32, 2) && eq(34, 34, 2)));
+	bool rev = eq(0, 16, alen) && eq(16, 0, alen) && (!ports || (eq(32, 34, 2) && eq(34, 32, 2)));
+	return fwd || rev;
+}
+
+template <class R> int slot_of(const Table<R> &t, const R *rec) { return rec ? (int)(rec - t.slots()) : -1; }
+
+template <class R> void follow_model(const Table<R> &t, unsigned seed)
+{
+	SCOPED_TRACE(t.name);
 	kmodel_reset();
-	ASSERT_EQ(0, cbt_tcp_init());
-	Model m(TCP_TIMEOUT);
-	std::mt19937 rng(1234);
+	ASSERT_EQ(0, t.init());
+	Model m(t.timeout);
+	std::mt19937 rng(seed);
 	u32 start = jiffies;
 	bool wrapped = false;
-	int finds = 0, hits = 0, evictions = 0;
+	int finds = 0, hits = 0, evictions = 0, kept_survivals = 0;
 
-	for (int step = 0; step < 6000; step++) {
-		// Few hosts and ports: duplicate adds and shared buckets are common.
-		Key k{ 192, 168, 1, (uint8_t)(2 + rng() % 6), 10, 0, 0, (uint8_t)(1 + rng() % 3),
-		       0xc3, (uint8_t)(0x50 + rng() % 4), 0, 80 };
+	for (int step = 0; step < 4000; step++) {
+		Key k = t.key(rng);
 		int op = rng() % 100;
-		if (op < 30) {
-			Conn c = conn_of(k, false);
-			ASSERT_EQ(0, tcp_add(&c.ip, &c.th));
-			evictions += m.add(k, tcp_bucket_ref(k), 0);
+		if (op < 32) {
+			int keep = t.keeps && rng() % 10 == 0;
+			for (int s = 0; s < TRACK_SLOTS; s++)
+				t.dirty(&t.slots()[s]);
+			t.add(k, keep);
+			evictions += m.add(k, t.bucket(k, false), keep);
+			const R *rec = &t.slots()[m.age.back()];
+			ASSERT_NO_FATAL_FAILURE(t.fresh(rec, k, keep)) << "step " << step;
 		} else if (op < 65) {
 			bool reverse = rng() % 2;
-			Conn c = conn_of(k, reverse);
-			tcp_tracking *rec = tcp_find(&c.ip, &c.th);
-			int want = m.find(tcp_bucket_ref(k), [&](const Key &r) { return r == k; });
-			ASSERT_EQ(want, rec ? rec->slot : -1) << "step " << step;
+			int want = m.find(t.bucket(k, reverse), [&](const Key &r) { return t.match(r, k); });
+			ASSERT_EQ(want, slot_of(t, t.find(k, reverse))) << "step " << step;
 			finds++;
-			hits += rec != nullptr;
+			hits += want >= 0;
 		} else if (op < 95) {
 			int s = m.random_in_use(rng);
-			if (s >= 0 && op < 69) {
-				tcp_delete(&tcp_table->slots[s]);
+			if (s >= 0 && op < 70) {
+				t.del(&t.slots()[s]);
 				m.release(s);
-				ASSERT_EQ(0u, tcp_table->slots[s].node.expires);
+				ASSERT_EQ(0u, t.slots()[s].node.expires);
 			} else if (s >= 0) {
-				tcp_update_timeout(&tcp_table->slots[s]);
+				t.refresh(&t.slots()[s]);
 				m.refresh(s);
 			}
 		} else if ((step / 1000) % 2) {
 			// Every other thousand steps the clock stands and the table fills.
-			kmodel_advance_jiffies(random_step(rng, TCP_TIMEOUT));
+			kmodel_advance_jiffies(random_step(rng, t.timeout));
 			wrapped |= jiffies < start;
 		}
-		ASSERT_NO_FATAL_FAILURE(expect_same(m, &tcp_table->pool, tcp_table->slots, tcp_next_sweep));
+		for (int s : m.age)
+			kept_survivals += m.keep[s] && (s32)(m.expires[s] - jiffies) < 0;
+		ASSERT_NO_FATAL_FAILURE(expect_same(m, t.pool(), t.slots(), *t.deadline));
 	}
 	EXPECT_TRUE(wrapped);
 	EXPECT_GT(hits, finds / 5);
 	EXPECT_GT(evictions, 10);
-	cbt_tcp_fini();
+	EXPECT_TRUE(!t.keeps || kept_survivals > 20) << kept_survivals;
+	t.fini();
 }
 
-TEST(TableModel, FlowTableWithKeptRecordsFollowsTheModel)
+// Few hosts and ports: duplicate adds and shared buckets are common.
+Key key4(std::mt19937 &rng, bool ports)
 {
-	kmodel_reset();
-	ASSERT_EQ(0, pct_init());
-	pct_hash_seed = 0x5eed1234;
-	Model m(PCT_TIMEOUT);
-	std::mt19937 rng(99);
-	int kept_survivals = 0, evictions = 0;
+	Key k{};
+	uint8_t c[4] = { 192, 168, 1, (uint8_t)(2 + rng() % 6) }, s[4] = { 10, 0, 0, (uint8_t)(1 + rng() % 3) };
+	memcpy(&k[0], c, 4), memcpy(&k[16], s, 4);
+	if (ports)
+		k[32] = 0xc3, k[33] = (uint8_t)(0x50 + rng() % 4), k[35] = 80;
+	return k;
+}
+Key key6(std::mt19937 &rng, bool ports)
+{
+	Key k{};
+	k[0] = 0x20, k[1] = 0x01, k[5] = (uint8_t)(rng() % 2), k[15] = (uint8_t)(2 + rng() % 2);
+	k[16] = 0x20, k[17] = 0x01, k[19] = (uint8_t)(rng() % 2), k[28] = (uint8_t)(rng() % 3) * 0x81,
+	k[31] = (uint8_t)(1 + rng() % 2);
+	if (ports)
+		k[32] = 0xc3, k[33] = (uint8_t)(0x50 + rng() % 2), k[35] = 80;
+	return k;
+}
 
-	for (int step = 0; step < 6000; step++) {
-		Key k{ 93, 184, (uint8_t)(rng() % 4), (uint8_t)(rng() % 64) };
-		__be32 addr;
-		memcpy(&addr, &k[0], 4);
-		uint32_t b = jhash_1word_ref(&k[0], 0x5eed1234) & 127;
-		int op = rng() % 100;
-		if (op < 35) {
-			int keep = rng() % 10 == 0;
-			ASSERT_EQ(0, pct_add("host.example", addr, keep));
-			evictions += m.add(k, b, keep);
-		} else if (op < 65) {
-			pct_tracking *rec = pct_find(addr);
-			int want = m.find(b, [&](const Key &r) { return !memcmp(&r[0], &k[0], 4); });
-			ASSERT_EQ(want, rec ? rec->slot : -1) << "step " << step;
-		} else if (op < 85) {
-			int s = m.random_in_use(rng);
-			if (s >= 0 && op < 72) {
-				pct_delete(&pct_table->slots[s]);
-				m.release(s);
-			} else if (s >= 0) {
-				pct_update_timeout(&pct_table->slots[s]);
-				m.refresh(s);
-			}
-		} else if ((step / 1000) % 2) {
-			kmodel_advance_jiffies(random_step(rng, PCT_TIMEOUT));
-		}
-		for (int s : m.age)
-			kept_survivals += m.keep[s] && (s32)(m.expires[s] - jiffies) < 0;
-		ASSERT_NO_FATAL_FAILURE(expect_same(m, &pct_table->pool, pct_table->slots, pct_next_sweep));
-	}
-	EXPECT_GT(kept_survivals, 100);
-	EXPECT_GT(evictions, 10);
-	pct_fini();
+void dirty_name(char *host) { strcpy(host, "stale.example"); }
+
+Table<tcp_tracking> http_table(bool v6)
+{
+	Table<tcp_tracking> t;
+	t.name = v6 ? "tcp_table6" : "tcp_table";
+	t.timeout = TCP_TIMEOUT, t.deadline = &tcp_next_sweep;
+	t.init = cbt_tcp_init, t.fini = cbt_tcp_fini;
+	t.pool = [v6] { return &(v6 ? tcp_table6 : tcp_table)->pool; };
+	t.slots = [v6] { return (v6 ? tcp_table6 : tcp_table)->slots; };
+	t.key = [v6](std::mt19937 &rng) { return v6 ? key6(rng, true) : key4(rng, true); };
+	// The address words and the two ports, as loaded natively.
+	t.bucket = [v6](const Key &k, bool) {
+		return (sum_words(&k[0], v6 ? 4 : 1) + sum_words(&k[16], v6 ? 4 : 1) + le16(&k[32]) + le16(&k[34])) & 127;
+	};
+	t.match = [v6](const Key &r, const Key &k) { return pair_match(r, k, v6 ? 16 : 4, true); };
+	t.add = [v6](const Key &k, int) {
+		Hdr h = hdr_of(k, false);
+		ASSERT_EQ(0, v6 ? tcp_add6(&h.ip6, &h.th) : tcp_add(&h.ip, &h.th));
+	};
+	t.find = [v6](const Key &k, bool reverse) {
+		Hdr h = hdr_of(k, reverse);
+		return v6 ? tcp_find6(&h.ip6, &h.th) : tcp_find(&h.ip, &h.th);
+	};
+	t.del = [v6](tcp_tracking *r) { v6 ? tcp_delete6(r) : tcp_delete(r); };
+	t.refresh = [v6](tcp_tracking *r) { v6 ? tcp_update_timeout6(r) : tcp_update_timeout(r); };
+	t.dirty = [](tcp_tracking *r) {
+		r->state = STATE_FIN_WAIT2, r->nfconn = (struct nf_conntrack *)&r->state, r->req_len = 77;
+		r->req_buf[0] = r->req_buf[TCP_REQ_BUF_LEN - 1] = 'x';
+		r->redirect_url[0] = r->redirect_url[TCP_URL_LEN - 1] = 'x';
+		atomic_set(&r->refcnt, 9);
+	};
+	t.fresh = [v6](const tcp_tracking *r, const Key &k, int) {
+		EXPECT_EQ(STATE_SYN_RCVD, r->state);
+		EXPECT_EQ(nullptr, r->nfconn);
+		EXPECT_EQ(0u, r->req_len);
+		EXPECT_EQ(1, atomic_read(&r->refcnt));
+		EXPECT_EQ(0, r->req_buf[0] | r->req_buf[TCP_REQ_BUF_LEN - 1]);
+		EXPECT_EQ(0, r->redirect_url[0] | r->redirect_url[TCP_URL_LEN - 1]);
+		Key got{};
+		if (v6)
+			memcpy(&got[0], &r->saddr6, 16), memcpy(&got[16], &r->daddr6, 16);
+		else
+			memcpy(&got[0], &r->saddr, 4), memcpy(&got[16], &r->daddr, 4);
+		memcpy(&got[32], &r->sport, 2), memcpy(&got[34], &r->dport, 2);
+		EXPECT_EQ(k, got);
+	};
+	t.keeps = false;
+	return t;
+}
+
+// The IPv4 flow table: the seeded hash of the whole address word.
+Table<pct_tracking> flow_table()
+{
+	Table<pct_tracking> t;
+	t.name = "pct_table";
+	t.timeout = PCT_TIMEOUT, t.deadline = &pct_next_sweep;
+	t.init = [] { int r = pct_init(); pct_hash_seed = 0x5eed1234; return r; };
+	t.fini = pct_fini;
+	t.pool = [] { return &pct_table->pool; };
+	t.slots = [] { return pct_table->slots; };
+	t.key = [](std::mt19937 &rng) {
+		Key k{};
+		k[16] = 93, k[17] = 184, k[18] = (uint8_t)(rng() % 4), k[19] = (uint8_t)(rng() % 40);
+		return k;
+	};
+	t.bucket = [](const Key &k, bool) { return jhash_1word_ref(&k[16], 0x5eed1234) & 127; };
+	t.match = [](const Key &r, const Key &k) { return !memcmp(&r[16], &k[16], 4); };
+	t.add = [](const Key &k, int keep) {
+		__be32 a;
+		memcpy(&a, &k[16], 4);
+		ASSERT_EQ(0, pct_add("host.example", a, keep));
+	};
+	t.find = [](const Key &k, bool) {
+		__be32 a;
+		memcpy(&a, &k[16], 4);
+		return pct_find(a);
+	};
+	t.del = [](pct_tracking *r) { pct_delete(r); };
+	t.refresh = [](pct_tracking *r) { pct_update_timeout(r); };
+	t.dirty = [](pct_tracking *r) {
+		r->state = STATE_BLOCK;
+		dirty_name(r->host);
+		if (!r->node.expires)
+			r->keep = 1;
+	};
+	t.fresh = [](const pct_tracking *r, const Key &k, int keep) {
+		EXPECT_EQ(0, r->state);
+		EXPECT_EQ(keep, r->keep);
+		EXPECT_STREQ("host.example", r->host);
+		EXPECT_EQ(0, memcmp(&r->addr, &k[16], 4));
+		EXPECT_EQ(1, atomic_read(&r->refcnt));
+	};
+	t.keeps = true;
+	return t;
+}
+
+Table<pct6_tracking> flow_table6()
+{
+	Table<pct6_tracking> t;
+	t.name = "pct6_table";
+	t.timeout = PCT_TIMEOUT, t.deadline = &pct6_next_sweep;
+	t.init = [] { int r = pct6_init(); pct6_hash_seed = 0x5eed1234; return r; };
+	t.fini = pct6_fini;
+	t.pool = [] { return &pct6_table->pool; };
+	t.slots = [] { return pct6_table->slots; };
+	t.key = [](std::mt19937 &rng) {
+		Key k{};
+		k[16] = 0x20, k[17] = 0x01, k[19] = (uint8_t)(rng() % 4), k[31] = (uint8_t)(rng() % 40);
+		return k;
+	};
+	// The fourth byte alone, as a zero-extended word.
+	t.bucket = [](const Key &k, bool) {
+		uint8_t w[4] = { k[19], 0, 0, 0 };
+		return jhash_1word_ref(w, 0x5eed1234) & 127;
+	};
+	t.match = [](const Key &r, const Key &k) { return !memcmp(&r[16], &k[16], 16); };
+	t.add = [](const Key &k, int keep) { ASSERT_EQ(0, pct6_add("host.example", &k[16], keep)); };
+	t.find = [](const Key &k, bool) { return pct6_find(&k[16]); };
+	t.del = [](pct6_tracking *r) { pct6_delete(r); };
+	t.refresh = [](pct6_tracking *r) { pct6_update_timeout(r); };
+	t.dirty = [](pct6_tracking *r) {
+		r->state = STATE_BLOCK;
+		dirty_name(r->host);
+		if (!r->node.expires)
+			r->keep = 1;
+	};
+	t.fresh = [](const pct6_tracking *r, const Key &k, int keep) {
+		EXPECT_EQ(0, r->state);
+		EXPECT_EQ(keep, r->keep);
+		EXPECT_STREQ("host.example", r->host);
+		EXPECT_EQ(0, memcmp(r->addr6, &k[16], 16));
+		EXPECT_EQ(1, atomic_read(&r->refcnt));
+	};
+	t.keeps = true;
+	return t;
+}
+
+template <class R> void dirty_ssl(R *r)
+{
+	r->state = STATE_BLOCK, r->trust = 1, r->nfconn = (struct nf_conntrack *)&r->state;
+	memset(r->spare, 0xff, sizeof(r->spare));
+	dirty_name(r->host);
+}
+template <class R> void fresh_ssl(const R *r)
+{
+	EXPECT_EQ(STATE_ESTAB, r->state);
+	EXPECT_EQ(0, r->trust);
+	EXPECT_EQ(nullptr, r->nfconn);
+	EXPECT_EQ(0, r->spare[0] | r->spare[1] | r->spare[2] | r->spare[3]);
+	EXPECT_STREQ("kids.example", r->host);
+	EXPECT_EQ(1, atomic_read(&r->refcnt));
+}
+
+Table<ssl_tracking> https_table()
+{
+	Table<ssl_tracking> t;
+	t.name = "ssl_table";
+	t.timeout = SSL_TIMEOUT, t.deadline = &ssl_next_sweep;
+	t.init = ssl_init, t.fini = ssl_fini;
+	t.pool = [] { return &ssl_table->pool; };
+	t.slots = [] { return ssl_table->slots; };
+	t.key = [](std::mt19937 &rng) { return key4(rng, false); };
+	t.bucket = [](const Key &k, bool) { return (le32(&k[0]) + le32(&k[16])) & 127; };
+	t.match = [](const Key &r, const Key &k) { return pair_match(r, k, 4, false); };
+	t.add = [](const Key &k, int) {
+		__be32 c, s;
+		memcpy(&c, &k[0], 4), memcpy(&s, &k[16], 4);
+		ASSERT_EQ(0, ssl_add(c, s, "kids.example", STATE_ESTAB));
+	};
+	t.find = [](const Key &k, bool reverse) {
+		Hdr h = hdr_of(k, reverse);
+		return ssl_find(&h.ip);
+	};
+	t.del = [](ssl_tracking *r) { ssl_delete(r); };
+	t.refresh = [](ssl_tracking *r) { ssl_update_timeout(r); };
+	t.dirty = dirty_ssl<ssl_tracking>;
+	t.fresh = [](const ssl_tracking *r, const Key &k, int) {
+		fresh_ssl(r);
+		EXPECT_EQ(0, memcmp(&r->client, &k[0], 4));
+		EXPECT_EQ(0, memcmp(&r->server, &k[16], 4));
+	};
+	t.keeps = false;
+	return t;
+}
+
+// The IPv6 buckets are word 3 of the server, taken from the packet's
+// destination: a server-to-client packet looks in the client's bucket.
+// An all-zero client stands for any client.
+Table<ssl6_tracking> https_table6()
+{
+	Table<ssl6_tracking> t;
+	t.name = "ssl6_table";
+	t.timeout = SSL_TIMEOUT, t.deadline = &ssl6_next_sweep;
+	t.init = ssl6_init, t.fini = ssl6_fini;
+	t.pool = [] { return &ssl6_table->pool; };
+	t.slots = [] { return ssl6_table->slots; };
+	t.key = [](std::mt19937 &rng) {
+		Key k = key6(rng, false);
+		if (rng() % 3 == 0)
+			memset(&k[0], 0, 16);
+		return k;
+	};
+	t.bucket = [](const Key &k, bool reverse) { return le32(&k[reverse ? 12 : 28]) & 127; };
+	t.match = [](const Key &r, const Key &k) {
+		static const uint8_t any[16] = {};
+		auto client_is = [&](size_t at) { return !memcmp(&r[0], any, 16) || !memcmp(&r[0], &k[at], 16); };
+		return (client_is(0) && !memcmp(&r[16], &k[16], 16)) || (client_is(16) && !memcmp(&r[16], &k[0], 16));
+	};
+	t.add = [](const Key &k, int) { ASSERT_EQ(0, ssl6_add(&k[0], &k[16], "kids.example", STATE_ESTAB)); };
+	t.find = [](const Key &k, bool reverse) {
+		Hdr h = hdr_of(k, reverse);
+		return ssl6_find(&h.ip6);
+	};
+	t.del = [](ssl6_tracking *r) { ssl6_delete(r); };
+	t.refresh = [](ssl6_tracking *r) { ssl6_update_timeout(r); };
+	t.dirty = dirty_ssl<ssl6_tracking>;
+	t.fresh = [](const ssl6_tracking *r, const Key &k, int) {
+		fresh_ssl(r);
+		EXPECT_EQ(0, memcmp(r->client, &k[0], 16));
+		EXPECT_EQ(0, memcmp(r->server, &k[16], 16));
+	};
+	t.keeps = false;
+	return t;
+}
+
+TEST(TableModel, EveryTableFollowsTheModelAcrossTheWrap)
+{
+	follow_model(http_table(false), 1234);
+	follow_model(http_table(true), 4321);
+	follow_model(flow_table(), 99);
+	follow_model(flow_table6(), 77);
+	follow_model(https_table(), 5);
+	follow_model(https_table6(), 6);
 }
 
 } // namespace
