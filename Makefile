@@ -29,7 +29,8 @@ test: build fuzz-build
 	@cd $(BUILD) && ctest --output-on-failure --timeout 300 -j $(JOBS)
 
 bench: build
-	@for b in $(BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+	@scripts/bench.sh $(BUILD)
+	@for b in $(BUILD)/bench/bench_*; do [ "$${b##*/}" != bench_packet_path ] && [ -x "$$b" ] && "$$b"; done; true
 
 clean:
 	rm -rf $(BUILD) $(FUZZ_BUILD)
