@@ -20,7 +20,7 @@ bin=$build/bench/bench_packet_path
 count=${BENCH_COUNT:-200}
 root=$(cd "$(dirname "$0")/.." && pwd)
 
-for tool in valgrind callgrind_annotate python3; do
+for tool in valgrind python3; do
 	command -v "$tool" >/dev/null || { echo "bench.sh: $tool is missing (bash scripts/deps.sh)" >&2; exit 1; }
 done
 [ -x "$bin" ] || { echo "bench.sh: $bin not built (make build)" >&2; exit 1; }
@@ -36,9 +36,7 @@ valgrind --tool=callgrind --collect-atstart=no --callgrind-out-file="$work/cg.ou
 
 for f in "$work"/cg.out.*; do
 	tag=$(sed -n 's/^desc: Trigger: Client Request: //p' "$f")
-	[ -n "$tag" ] || continue
-	callgrind_annotate --inclusive=yes --threshold=100 "$f" >"$work/annotate.$(basename "$f")"
-	printf '%s\t%s\n' "$tag" "$work/annotate.$(basename "$f")"
+	[ -n "$tag" ] && printf '%s\t%s\n' "$tag" "$f"
 done >"$work/dumps"
 
 python3 - "$work" "$(nproc)" "$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2)" <<'EOF'
@@ -46,13 +44,29 @@ import json, re, sys
 work, cpus, cpu = sys.argv[1], sys.argv[2], sys.argv[3].strip()
 
 def inclusive(path, fn):
-    """Inclusive Ir of every function named fn in one annotate listing."""
-    total = 0
-    pat = re.compile(r'^\s*([\d,]+)\s+\([^)]*\)\s+(?:\S*:)?' + re.escape(fn) + r'\(')
+    """Instructions spent inside fn and its callees: the sum of the costs
+    of every call to fn in one callgrind dump (the callers are the bench
+    and the simulator, so no call is counted twice)."""
+    names, callee, in_call, total = {}, '', False, 0
+    want = re.compile(r'^(?:.*::)?' + re.escape(fn) + r'\(')
+    def name(ref):
+        m = re.match(r'\((\d+)\)(?: (.*))?', ref)
+        if not m:
+            return ref
+        if m.group(2):
+            names[m.group(1)] = m.group(2)
+        return names.get(m.group(1), '')
     for line in open(path):
-        m = pat.match(line)
-        if m:
-            total += int(m.group(1).replace(',', ''))
+        if line.startswith(('fn=', 'cfn=')):
+            n = name(line.split('=', 1)[1].rstrip('\n'))
+            if line.startswith('cfn='):
+                callee = n
+        elif line.startswith('calls='):
+            in_call = True
+        elif in_call:
+            in_call = False
+            if want.match(callee):
+                total += int(line.split()[-1])
     return total
 
 dumps = dict(line.rstrip('\n').split('\t') for line in open(f'{work}/dumps'))
