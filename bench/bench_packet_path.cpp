@@ -2,12 +2,19 @@
 //
 //   bench_packet_path [--data DIR] [benchmark options]   times every case
 //   bench_packet_path --count N [--data DIR]             for callgrind
+//   bench_packet_path --count N --profile CASE           one case, no toggles
 //
 // With --count, each case runs N times with callgrind's collection on only
 // around the measured packet or call, and the counts are dumped per case and
 // chain ("<case>|filter", "|accept-all", "|empty"); scripts/bench.sh reads
 // the dumps. The lines printed on stdout say which function to read in each
 // dump, how many calls it holds, and the allocations and verdicts seen.
+// With --profile only the filter's run of the named case is made and
+// collection is left to callgrind's own options, e.g.
+//   valgrind --tool=callgrind --collect-atstart=no
+//     --toggle-collect='kmodel_nf_hook*'
+//     build/bench/bench_packet_path --count 100 --profile 'DNS query'
+// to see where one case's instructions go.
 #include <benchmark/benchmark.h>
 #include <valgrind/callgrind.h>
 
@@ -23,6 +30,14 @@ namespace {
 
 using namespace bench;
 
+bool g_toggles = true;
+
+void toggle_collect()
+{
+	if (g_toggles)
+		CALLGRIND_TOGGLE_COLLECT;
+}
+
 const char *chain_name(Chain c)
 {
 	return c == Chain::Filter ? "filter" : c == Chain::AcceptAll ? "accept-all" : "empty";
@@ -35,14 +50,15 @@ void count_case(const Case &c, Chain chain, int n)
 	if (c.setup)
 		c.setup(s);
 	long allocs = 0, accepted = 0, requests = 0;
-	CALLGRIND_ZERO_STATS;
+	if (g_toggles)
+		CALLGRIND_ZERO_STATS;
 	for (int i = 0; i < n; i++) {
 		if (c.next) {
 			Step st = c.next(s, i);
 			long before = kmodel_alloc_stats_get().total_allocs;
-			CALLGRIND_TOGGLE_COLLECT;
+			toggle_collect();
 			sim::Verdict v = st.up ? s.up(st.packet) : s.down(st.packet);
-			CALLGRIND_TOGGLE_COLLECT;
+			toggle_collect();
 			allocs += kmodel_alloc_stats_get().total_allocs - before;
 			accepted += v.accepted();
 			requests += long(s.collect());
@@ -53,19 +69,25 @@ void count_case(const Case &c, Chain chain, int n)
 		if (c.prepare)
 			c.prepare(s, i);
 		long before = kmodel_alloc_stats_get().total_allocs;
-		CALLGRIND_TOGGLE_COLLECT;
+		toggle_collect();
 		c.call(s, i);
-		CALLGRIND_TOGGLE_COLLECT;
+		toggle_collect();
 		allocs += kmodel_alloc_stats_get().total_allocs - before;
 	}
 	std::string tag = std::string(c.name) + "|" + chain_name(chain);
-	CALLGRIND_DUMP_STATS_AT(tag.c_str());
+	if (g_toggles)
+		CALLGRIND_DUMP_STATS_AT(tag.c_str());
 	printf("%s|%s|%d|%ld|%ld|%ld|%zu\n", tag.c_str(), c.probe, n, allocs, accepted, requests, case_bytes(c));
 }
 
-int count_all(int n)
+int count_all(int n, const std::string &only)
 {
 	for (const Case &c : cases()) {
+		if (!only.empty()) {
+			if (c.name == only)
+				count_case(c, Chain::Filter, n);
+			continue;
+		}
 		count_case(c, Chain::Filter, n);
 		if (!c.next)
 			continue;
@@ -112,16 +134,20 @@ int main(int argc, char **argv)
 {
 	std::string data = "tests/data";
 	int count = 0;
+	std::string only;
 	int kept = 1;
 	for (int i = 1; i < argc; i++) {
 		if (!strcmp(argv[i], "--data") && i + 1 < argc)
 			data = argv[++i];
 		else if (!strcmp(argv[i], "--count") && i + 1 < argc)
 			count = atoi(argv[++i]);
+		else if (!strcmp(argv[i], "--profile") && i + 1 < argc)
+			only = argv[++i], g_toggles = false;
 		else if (!strcmp(argv[i], "--help")) {
-			printf("usage: %s [--data DIR] [--count N] [benchmark options]\n"
+			printf("usage: %s [--data DIR] [--count N [--profile CASE]] [benchmark options]\n"
 			       "  --data DIR  the captures (default tests/data)\n"
-			       "  --count N   run each case N times for callgrind and print what to read\n",
+			       "  --count N   run each case N times for callgrind and print what to read\n"
+			       "  --profile CASE  with --count: only that case, no collection toggles\n",
 			       argv[0]);
 			return 0;
 		} else
@@ -135,7 +161,7 @@ int main(int argc, char **argv)
 		return 2;
 	}
 	if (count > 0)
-		return count_all(count);
+		return count_all(count, only);
 
 	for (const Case &c : cases())
 		benchmark::RegisterBenchmark(c.name, run_case, &c)->UseManualTime();
