@@ -90,7 +90,8 @@ targets = {
     'decode_http browser GET': ('<= 6/byte', None),
 }
 
-head = f"{'case':32} {'filter':>8} {'base':>6} {'ratio':>7} {'/byte':>6} {'log':>6} {'allocs':>6} {'ns':>8}  target"
+head = (f"{'case':30} {'filter':>7} {'base':>5} {'ratio':>6} {'/byte':>5} {'log':>6} {'alloc':>5} "
+        f"{'acc':>4} {'req':>4} {'ns':>7}  target")
 print(head)
 print('-' * len(head))
 for case, ch in rows.items():
@@ -106,12 +107,16 @@ for case, ch in rows.items():
     if target[0]:
         ok = per_byte <= 6 if case == 'decode_http browser GET' else target[1](fig, ratio)
         met = target[0] + (' met' if ok else ' NOT met')
-    print(f"{case:32} {fig:8,.0f} {'' if base is None else f'{base:,.0f}':>6} "
-          f"{'' if ratio is None else f'{ratio:.1f}x':>7} {'' if per_byte is None else f'{per_byte:.1f}':>6} "
-          f"{f['log']:6,.0f} {f['allocs']:6.2f} {times.get(case, 0):8,.0f}  {met}")
+    acc = req = ''
+    if 'empty' in ch:
+        acc, req = f"{f['accepted'] / f['n']:.1f}", f"{f['requests'] / f['n']:.1f}"
+    print(f"{case:30} {fig:7,.0f} {'' if base is None else f'{base:,.0f}':>5} "
+          f"{'' if ratio is None else f'{ratio:.1f}x':>6} {'' if per_byte is None else f'{per_byte:.1f}':>5} "
+          f"{f['log']:6,.0f} {f['allocs']:5.2f} {acc:>4} {req:>4} {times.get(case, 0):7,.0f}  {met}")
 print()
 print(f"instructions per packet or call (callgrind, {next(iter(rows.values()))['filter']['n']} each); "
       "packets: hooks of both points minus an empty chain; base: accept-all hooks at the same points;")
-print("log: of which printk; allocs: kmalloc calls per packet or call; ns: Google Benchmark, "
-      f"whole simulated traversal, noisy ({cpus} CPUs, {cpu})")
+print("log: of which printk; alloc: kmalloc calls per packet or call; acc: share of the packets accepted; "
+      "req: rating requests sent per packet;")
+print(f"ns: Google Benchmark, the whole simulated traversal, noisy ({cpus} CPUs, {cpu})")
 EOF
