@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <vector>
 
+#include "kmodel/live.h"
 #include "kmodel/net.h"
 #include "kmodel/state.h"
 #include "linux/errno.h"
@@ -82,6 +83,8 @@ void unlink_entry(struct neighbour *n)
 
 struct neighbour *neigh_lookup(struct neigh_table *tbl, const void *pkey, struct net_device *dev)
 {
+	if (kmodel_neigh_fn host = kmodel_neigh_fn_get())
+		host(tbl, pkey, dev);
 	for (struct neighbour *n = tbl->hash_buckets; n; n = n->next)
 		if (n->dev == dev && memcmp(n->primary_key, pkey, tbl->key_len) == 0) {
 			atomic_inc(&n->refcnt);

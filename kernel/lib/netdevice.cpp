@@ -2,6 +2,7 @@
 #include <stdlib.h>
 #include <vector>
 
+#include "kmodel/live.h"
 #include "kmodel/net.h"
 #include "kmodel/state.h"
 #include "linux/errno.h"
@@ -22,6 +23,11 @@ int dev_queue_xmit(struct sk_buff *skb)
 {
 	int rc = g_xmit_rc;
 
+	if (kmodel_xmit_fn host = kmodel_xmit_fn_get()) {
+		rc = host(skb);
+		kfree_skb(skb);
+		return rc;
+	}
 	if (rc == 0) {
 		BUG_ON(skb->dev == NULL);
 		kmodel_tx tx;

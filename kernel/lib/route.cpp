@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <vector>
 
+#include "kmodel/live.h"
 #include "kmodel/net.h"
 #include "kmodel/state.h"
 #include "linux/errno.h"
@@ -120,6 +121,14 @@ int ip_route_output_key(struct net *net, struct rtable **rp, struct flowi *flp)
 {
 	(void)net;
 	g_last_flowi[0] = *flp;
+	kmodel_route_fn host = kmodel_route_fn_get();
+	if (host) {
+		struct dst_entry *dst = host(AF_INET, flp);
+		if (!dst)
+			return -ENETUNREACH;
+		*rp = (struct rtable *)dst;
+		return 0;
+	}
 	struct dst_entry *dst = lookup(AF_INET, (const u8 *)&flp->fl4_dst);
 
 	if (!dst)
@@ -138,6 +147,15 @@ struct dst_entry *ip6_route_output(struct net *net, struct sock *sk, struct flow
 	g_last_flowi[1] = *fl;
 	if (g_return_null6)
 		return NULL;
+	kmodel_route_fn host = kmodel_route_fn_get();
+	if (host) {
+		struct dst_entry *dst = host(AF_INET6, fl);
+		if (dst)
+			return dst;
+		dst = kmodel_route6_null_entry();
+		dst_hold(dst);
+		return dst;
+	}
 	struct dst_entry *dst = lookup(AF_INET6, fl->fl6_dst.s6_addr);
 
 	if (!dst)
@@ -174,6 +192,25 @@ struct dst_entry *kmodel_route6_add(const struct in6_addr *daddr, int prefix_len
 	memcpy(r.prefix, daddr, 16);
 	g_routes.push_back(r);
 	return &rt->dst;
+}
+
+struct dst_entry *kmodel_dst_new(int family, struct net_device *dev, kmodel_route_out out,
+				 const uint8_t *ha, struct neighbour *neigh)
+{
+	if (family == AF_INET6)
+		return dst_new(sizeof(struct rt6_info), dev, out, htons(ETH_P_IPV6), ha, neigh);
+	return dst_new(sizeof(struct rtable), dev, out, htons(ETH_P_IP), ha, neigh);
+}
+
+void kmodel_dst_free(struct dst_entry *dst)
+{
+	if (!dst)
+		return;
+	BUG_ON(atomic_read(&dst->__refcnt) != 0);
+	if (dst->neighbour)
+		neigh_release(dst->neighbour);
+	free(dst->hh);
+	free(dst);
 }
 
 struct dst_entry *kmodel_route6_null_entry(void)

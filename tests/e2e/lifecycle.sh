@@ -1,0 +1,166 @@
+#!/usr/bin/env bash
+# dnshookd's life on the router: control files and their modes, rules that
+# follow the switch files while connections are open, a silent, slow,
+# restarted, doubled or garbled daemon, SIGKILL and restart with the
+# bypass keeping traffic flowing, one instance per namespace, and nothing
+# left behind after a clean stop. Usage: lifecycle.sh BUILD_DIR
+set -u
+E2E_BUILD=$(realpath "$1")
+. "$(dirname "$0")/netns.sh"
+e2e_begin
+POLICY=$(dirname "$0")/test.policy
+D=$E2E_BUILD/runtime/dnshookd
+
+# The command line.
+"$D" --help | grep -q -- "--fail-closed"
+expect "--help" 0 "$?"
+"$D" --hz 0 2>/dev/null
+expect "--hz 0 is refused" 2 "$?"
+"$D" --bogus 2>/dev/null
+expect "an unknown option is refused" 2 "$?"
+
+e2e_rated "$POLICY"
+e2e_dnshookd --log-level 7
+nsenter --net=/run/netns/"$NS_R" "$D" --control "$E2E_DIR/ctl2" 2>"$E2E_DIR/second.err"
+expect "a second instance in the namespace refuses to start" \
+	"3 dnshookd: another dnshookd runs in this network namespace" "$? $(cat "$E2E_DIR/second.err")"
+
+modes=$(cd "$CTL" && stat -c '%n %a' wl_warning_page pcg_proc tblock_proc unblock_proc services tables devices counters | xargs)
+expect "the control files' modes" "wl_warning_page 644 pcg_proc 644 tblock_proc 644 unblock_proc 644 services 444 tables 444 devices 444 counters 444" "$modes"
+
+# Writes return what the handlers return.
+while IFS=';' read -r file text want; do
+	err=$(printf '%s' "$text" 2>&1 >"$CTL/$file")
+	expect "write [$text] to $file" "$want" "$? ${err##*: }"
+done <<'ROWS'
+wl_warning_page;x;0 
+wl_warning_page;100;0 
+tblock_proc;add 01:00:00:00:00:00;1 Bad address
+tblock_proc;add 00:00:00:00:00:00;1 Bad address
+unblock_proc;no bar here;1 Bad address
+unblock_proc;-|02:00:00:00:99:99;0 
+ROWS
+expect "the switch writes changed nothing" "off" "$(status services wp)"
+long=$(printf 'add 00:11:22:33:44:55%0300d' 0)
+err=$(printf '%s' "$long" 2>&1 >"$CTL/tblock_proc")
+expect "a 321-byte tblock command" "1 Bad address" "$? ${err##*: }"
+
+# Rules follow the switches, while a download is under way.
+nfq() { r "$1" -t mangle -S "$2" | grep -c NFQUEUE; }
+rules_now() { echo "$(nfq iptables DNSHOOK_PRE) $(nfq iptables DNSHOOK_FWD) $(nfq ip6tables DNSHOOK_PRE) $(nfq ip6tables DNSHOOK_FWD) $(r iptables -t mangle -S DNSHOOK_FWD | grep -c 'br1+ -j RETURN')"; }
+expect "services off: nothing queued" "0 0 0 0 0" "$(rules_now)"
+fetch "$NS_C0" allowed.test 198.51.100.10 /slow --limit-rate 16k >"$E2E_DIR/slow.out" &
+slow=$!
+while read -r wp pc want; do
+	echo "$wp" >"$CTL/wl_warning_page"
+	echo "$pc" >"$CTL/pcg_proc"
+	expect "WP $wp PC $pc: queued rules (pre4 fwd4 pre6 fwd6 br1-returns)" "$want" "$(rules_now)"
+	sleep 0.5
+done <<'ROWS'
+1 0 2 1 2 1 2
+1 1 2 1 2 1 0
+0 1 2 1 2 1 0
+0 0 0 0 0 0 0
+1 0 2 1 2 1 2
+ROWS
+wait $slow
+expect "a download across every switch completes whole" "0 200 65536 " "$? $(cat "$E2E_DIR/slow.out")"
+
+# The daemon: silent, slow, restarted, answering twice, garbled.
+kill "$RATED_PID"
+wait "$RATED_PID" 2>/dev/null
+FETCH_TIMEOUT=2 fetch "$NS_C0" allowed.test 198.51.100.10 /silent >/dev/null
+expect "daemon silent: a new page waits for its rating" 28 "$?"
+expect "daemon silent: unrelated flows go on" "banner from the flow service" "$(banner "$NS_C1" 198.51.100.50)"
+e2e_rated "$POLICY" --delay 700
+t0=$(date +%s%N)
+got=$(fetch "$NS_C0" allowed.test 198.51.100.10 /slow-daemon)
+expect "daemon slow: the page loads" "0 200 65536 " "$? $got"
+ms=$((($(date +%s%N) - t0) / 1000000))
+((ms >= 700)) && e2e_ok "daemon slow: after the 700 ms delay ($ms ms)" ||
+	e2e_fail "daemon slow: loaded in $ms ms, before the delay"
+kill "$RATED_PID"
+wait "$RATED_PID" 2>/dev/null
+e2e_rated "$POLICY"
+got=$(fetch "$NS_C0" blocked.test 198.51.100.20 /restarted)
+expect "daemon restarted: verdicts again" "0 302 0 http://blocked.lan/?host=blocked.test&service=wp" "$? $got"
+e2e_rated "$POLICY"
+before=$(status counters replies)
+got=$(fetch "$NS_C0" allowed.test 198.51.100.10 /twice)
+expect "two daemons answering: the page loads whole" "0 200 65536 " "$? $got"
+page_ok allowed.test /twice && e2e_ok "two daemons answering: bytes as served" || e2e_fail "two daemons answering: bytes differ"
+sleep 0.3
+expect "two daemons answering: two replies taken" $((before + 2)) "$(status counters replies)"
+port=$(status counters channel_port)
+ip netns exec "$NS_R" python3 "$(dirname "$0")/listen.py" 5 >"$E2E_DIR/listen.out" 2>&1 &
+listener=$!
+e2e_wait 5 "the listener" grep -q listening "$E2E_DIR/listen.out"
+fetch "$NS_C0" allowed.test 198.51.100.10 /wire >/dev/null
+wait $listener
+expect "a request on the wire: to group 1 from dnshookd's port, 576 bytes behind the header, as the filter built it" \
+	"from $port bytes 592 nlmsg_len 592 type 0 flags 0 seq 0 pid 0 kind 0 service 2 family 2 src 10.10.0.2 dst 198.51.100.10 dport 80 url /wire host allowed.test" \
+	"$(tail -1 "$E2E_DIR/listen.out")"
+r python3 - "$port" <<'PY'
+import os, socket, struct, sys
+s = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 2)
+s.bind((0, 0))
+to = (int(sys.argv[1]), 0)
+s.sendto(b"\x01" * 15, to)                                     # shorter than a header
+s.sendto(struct.pack("=IHHII", 4000, 0, 0, 0, 0) + b"\0" * 8, to)  # claims more than it holds
+s.sendto(struct.pack("=IHHII", 592, 0, 0, 0, 0) + os.urandom(576), to)
+PY
+sleep 0.3
+grep -q '^<7>\[handle_packet\]: skb(15) < nlhdr(16)$' "$E2E_DIR/dnshookd.log" &&
+	e2e_ok "garbage: the short buffer is logged as the filter logs it" || e2e_fail "garbage: no short-buffer line"
+got=$(fetch "$NS_C0" blocked.test 198.51.100.20 /after-garbage)
+expect "garbage: dnshookd goes on rating" "0 302 0 http://blocked.lan/?host=blocked.test&service=wp" "$? $got"
+
+# SIGKILL: the rules stay, the bypass lets traffic through, a restart
+# replaces the stale chains; a download under way goes on throughout.
+fetch "$NS_C0" allowed.test 198.51.100.10 /across-kill --limit-rate 16k >"$E2E_DIR/slow.out" &
+slow=$!
+sleep 1
+e2e_stop_dnshookd KILL
+e2e_wait 5 "the control files to go" sh -c "! mountpoint -q '$CTL'"
+expect "after SIGKILL: the control files are unmounted" 32 "$(mountpoint -q "$CTL"; echo $?)"
+expect "after SIGKILL: the rules stay (pre4 fwd4 pre6 fwd6 br1-returns)" "2 1 2 1 2" "$(rules_now)"
+got=$(fetch "$NS_C0" blocked.test 198.51.100.20 /bypass)
+expect "after SIGKILL: traffic flows, unfiltered (bypass)" "0 200 65536 " "$? $got"
+e2e_dnshookd --log-level 7
+jumps="$(r iptables -t mangle -S | grep -c -- '-j DNSHOOK_') $(r ip6tables -t mangle -S | grep -c -- '-j DNSHOOK_')"
+expect "restarted: one jump per chain and family" "2 2" "$jumps"
+expect "restarted: services off, nothing queued" "0 0 0 0 0" "$(rules_now)"
+wait $slow
+expect "a download under way across SIGKILL and restart completes whole" "0 200 65536 " "$? $(cat "$E2E_DIR/slow.out")"
+echo 1 >"$CTL/wl_warning_page"
+got=$(fetch "$NS_C0" blocked.test 198.51.100.20 /after-restart)
+expect "restarted: filtering again" "0 302 0 http://blocked.lan/?host=blocked.test&service=wp" "$? $got"
+
+# Without the bypass, a dead dnshookd stops what it would have seen.
+e2e_stop_dnshookd TERM
+e2e_dnshookd --no-bypass
+echo 1 >"$CTL/wl_warning_page"
+e2e_stop_dnshookd KILL
+FETCH_TIMEOUT=2 fetch "$NS_C0" allowed.test 198.51.100.10 /no-bypass >/dev/null
+expect "--no-bypass, killed: queued traffic stops" 28 "$?"
+expect "--no-bypass, killed: traffic outside the rules goes on" "banner from the flow service" "$(banner "$NS_C1" 198.51.100.50)"
+
+# A fatal error after the rules went in takes them out again.
+nsenter --net=/run/netns/"$NS_R" "$D" --control /proc/no/such/dir 2>"$E2E_DIR/fatal.err"
+expect "fatal error: exit status and message" "1 dnshookd: --control /proc/no/such/dir: No such file or directory" \
+	"$? $(tail -1 "$E2E_DIR/fatal.err")"
+expect "fatal error: no rule or chain left" 0 "$(r iptables-save -t mangle | grep -c DNSHOOK)"
+
+# A clean stop leaves nothing behind.
+e2e_dnshookd
+e2e_stop_dnshookd TERM
+expect "clean stop: exit status" 0 "$?"
+left="$(r iptables-save -t mangle | grep -c DNSHOOK) $(r ip6tables-save -t mangle | grep -c DNSHOOK)"
+expect "clean stop: no rule or chain left" "0 0" "$left"
+expect "clean stop: no mount left" 32 "$(mountpoint -q "$CTL"; echo $?)"
+expect "clean stop: no process left" "" "$(pgrep -f "dnshookd --control $CTL|fusermount3.*$CTL")"
+expect "clean stop: no queue bound" "" "$(r cat /proc/net/netfilter/nfnetlink_queue)"
+got=$(fetch "$NS_C0" blocked.test 198.51.100.20 /after-stop)
+expect "clean stop: traffic flows unfiltered" "0 200 65536 " "$? $got"
+
+e2e_finish
