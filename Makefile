@@ -33,7 +33,8 @@ test: build fuzz-build
 	@scripts/test-mipsel.sh $(abspath $(MIPS_BUILD)) $(JOBS)
 
 bench: build
-	@for b in $(BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+	@scripts/bench.sh $(BUILD)
+	@for b in $(BUILD)/bench/bench_*; do [ "$${b##*/}" != bench_packet_path ] && [ -x "$$b" ] && "$$b"; done; true
 
 clean:
 	rm -rf $(BUILD) $(FUZZ_BUILD) $(ASAN_BUILD) $(MIPS_BUILD)

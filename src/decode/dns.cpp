@@ -56,7 +56,16 @@ u32 is_valid_dns(const u8 *msg, int len, u32 *kind)
 	return dns_check_header(msg, len, kind);
 }
 
-u32 extract_name(const u8 *msg, int len, const u8 **cursor, char *out)
+// A name read without a fault: where it starts, how many bytes it takes
+// (its dots included) and how many pointers it follows.
+struct dns_known_name {
+	long start;
+	int written;
+	int jumps;
+};
+
+// extract_name, telling the caller what it walked when it succeeds.
+static u32 dns_read_name(const u8 *msg, int len, const u8 **cursor, char *out, struct dns_known_name *seen)
 {
 	long pos = *cursor - msg;
 	long resume = -1;
@@ -74,6 +83,11 @@ u32 extract_name(const u8 *msg, int len, const u8 **cursor, char *out)
 			if (!written)
 				return 0;  // the root name
 			out[written - 1] = '\0';  // the last dot
+			if (seen) {
+				seen->start = *cursor - msg;
+				seen->written = written;
+				seen->jumps = jumps;
+			}
 			*cursor = msg + (resume >= 0 ? resume : pos + 1);
 			return 1;
 		}
@@ -108,37 +122,75 @@ u32 extract_name(const u8 *msg, int len, const u8 **cursor, char *out)
 	}
 }
 
-// Walks the question section again, byte by byte, without following
-// pointers. Returns the offset of the answer section or -1.
-static long dns_skip_questions(const u8 *msg, int len)
+u32 extract_name(const u8 *msg, int len, const u8 **cursor, char *out)
 {
-	long pos = DNS_HDR_LEN;
+	return dns_read_name(msg, len, cursor, out, NULL);
+}
 
-	for (int q = 0; q < dns_qdcount(msg); q++) {
-		for (;;) {
-			u8 b;
+// The walk of extract_name without the text: the same checks, in the same
+// order, so it fails exactly where extract_name fails and leaves *cursor
+// where extract_name leaves it. Only the count of bytes a name would take
+// is kept, so a label costs the same whatever its length. Answer owner
+// names are read only to find where their records begin.
+//
+// Owner names mostly end in a pointer to the question's name, which has
+// already been walked from its fixed place without a fault, taking n bytes
+// and k pointers. Arriving there with written bytes and jumps pointers,
+// the rest of the walk is known: every check it would make passes except,
+// at its last label or pointer, written + n reaching 256 or jumps + k
+// reaching 256; and the cursor is already set.
+static u32 dns_skip_name(const u8 *msg, int len, const u8 **cursor, const struct dns_known_name *known)
+{
+	long pos = *cursor - msg;
+	long resume = -1;
+	int written = 0, jumps = 0;
 
-			if (pos >= len)
-				return -1;
-			b = msg[pos];
-			if ((b & 0xc0) == 0xc0) {
-				pos += 2;
-				break;
-			}
-			if (b == 0) {
-				pos += 1;
-				break;
-			}
-			pos += b + 1;
+	if (pos < 0 || pos >= len)
+		return 0;
+
+	for (;;) {
+		u8 b = msg[pos];
+
+		if (b == 0) {
+			if (!written)
+				return 0;
+			*cursor = msg + (resume >= 0 ? resume : pos + 1);
+			return 1;
 		}
-		pos += DNS_QUESTION_FIXED_LEN;
+		if ((b & 0xc0) == 0xc0) {
+			long target;
+
+			if (pos + 2 >= len)
+				return 0;
+			target = (long)(b & 0x3f) << 8 | msg[pos + 1];
+			if (target >= len)
+				return 0;
+			if (++jumps >= DNS_MAX_HOPS)
+				return 0;
+			if (resume < 0)
+				resume = pos + 2;
+			if (target == known->start) {
+				if (written + known->written >= DNS_NAME_LEN ||
+				    jumps + known->jumps >= DNS_MAX_HOPS)
+					return 0;
+				*cursor = msg + resume;
+				return 1;
+			}
+			pos = target;
+			continue;
+		}
+		if (written + b + 1 >= DNS_NAME_LEN)
+			return 0;
+		if (pos + 1 + b >= len)
+			return 0;
+		written += b + 1;
+		pos += 1 + b;
 	}
-	return pos > len ? -1 : pos;
 }
 
 // Reads one answer record at *pos; a class-IN A or AAAA record of the
 // right size fills slot *n.
-static int dns_read_answer(const u8 *msg, int len, long *pos, char *scratch,
+static int dns_read_answer(const u8 *msg, int len, long *pos, const struct dns_known_name *question,
 			   struct dns_info *info, int *n)
 {
 	const u8 *cursor = msg + *pos;
@@ -146,7 +198,7 @@ static int dns_read_answer(const u8 *msg, int len, long *pos, char *scratch,
 	u16 type, klass, rdlen;
 
 	// The owner name only tells where the fixed part begins.
-	if (!extract_name(msg, len, &cursor, scratch))
+	if (!dns_skip_name(msg, len, &cursor, question))
 		return -1;
 	rr = cursor;
 	if (rr - msg + DNS_RR_FIXED_LEN > len)
@@ -173,7 +225,7 @@ static int dns_read_answer(const u8 *msg, int len, long *pos, char *scratch,
 
 int decode_dns(const u8 *msg, int len, struct dns_info *info)
 {
-	char scratch[DNS_NAME_LEN];
+	struct dns_known_name question;
 	const u8 *cursor;
 	u32 kind;
 	long pos;
@@ -182,35 +234,42 @@ int decode_dns(const u8 *msg, int len, struct dns_info *info)
 	if (!dns_check_header(msg, len, &kind))
 		return -1;
 
-	memset(scratch, 0, sizeof(scratch));
+	// The question name is read straight into info->name: past its NUL the
+	// field stays zero, as a copy of a zeroed scratch name would leave it.
+	// Wherever the name is not taken, the field is made all zero again.
 	memset(info->name, 0, sizeof(info->name));
-
 	cursor = msg + DNS_HDR_LEN;
-	if (!extract_name(msg, len, &cursor, scratch))
-		return -1;
+	if (!dns_read_name(msg, len, &cursor, info->name, &question))
+		goto drop_name_fail;
 	// QTYPE is not used; QCLASS decides whether the name is taken.
 	if (cursor - msg + DNS_QUESTION_FIXED_LEN > len)
-		return -1;
-	if (dns_get16(cursor + 2) != DNS_CLASS_IN)
+		goto drop_name_fail;
+	if (dns_get16(cursor + 2) != DNS_CLASS_IN) {
+		memset(info->name, 0, sizeof(info->name));
 		return 0;
-
-	if (!scratch[0])
-		return -1;
-	memcpy(info->name, scratch, DNS_NAME_LEN - 1);
-	info->name[DNS_NAME_LEN - 1] = '\0';
+	}
+	if (!info->name[0])
+		goto drop_name_fail;
 
 	if (kind == DNS_KIND_QUERY)
 		return 0;
 
-	pos = dns_skip_questions(msg, len);
-	if (pos < 0)
-		return -1;
+	// The one question ends where its name, read without a fault, ended
+	// in place (after its zero byte or its first pointer), plus QTYPE and
+	// QCLASS, which were found to lie inside the message. Walking the
+	// section again byte by byte, without following pointers, ends there
+	// too.
+	pos = cursor - msg + DNS_QUESTION_FIXED_LEN;
 
 	info->count = dns_ancount(msg) & 0xff;
 	for (int i = 0; i < info->count; i++) {
 		// Slots filled before a failing record stay; the result says -1.
-		if (dns_read_answer(msg, len, &pos, scratch, info, &n))
+		if (dns_read_answer(msg, len, &pos, &question, info, &n))
 			return -1;
 	}
 	return 0;
+
+drop_name_fail:
+	memset(info->name, 0, sizeof(info->name));
+	return -1;
 }

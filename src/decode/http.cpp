@@ -4,82 +4,93 @@
 // requests the last one wins.
 //
 // All searches stop at the first NUL byte and at data + len, whichever
-// comes first, and compare byte by byte so that nothing behind a NUL is
-// read. The input is never written.
+// comes first, so that nothing behind a NUL is read. The input is never
+// written.
 #include "decode/http.h"
+
+#include "linux/string.h"
 
 #define HTTP_MIN_LEN 18
 #define HTTP_MAX_TEXT 255
 
-// Does the text at data[pos] start with word? Stops at the first byte that
-// differs, so a NUL in the data ends the comparison.
-static int http_starts_with(const char *data, long pos, long len, const char *word)
+// Every search below runs over data[pos, lim), lim being the first NUL at
+// or after pos, or len, whichever comes first: no byte from there on is
+// looked at.
+// The searches use the string library's block-wise scans, so a byte costs
+// a fraction of an instruction rather than a call.
+
+// Does the text at data[pos] start with word (of wlen bytes) before lim?
+static inline int http_starts_with(const char *data, long pos, long lim, const char *word, long wlen)
 {
-	for (; *word; word++, pos++) {
-		if (pos >= len || data[pos] != *word)
-			return 0;
-	}
-	return 1;
+	return lim - pos >= wlen && !memcmp(data + pos, word, wlen);
 }
 
 // Length of the method (with its blank) that data[pos] starts with, or 0.
-static int http_method_len(const char *data, long pos, long len)
+static int http_method_len(const char *data, long pos, long lim)
 {
-	if (http_starts_with(data, pos, len, "GET ") || http_starts_with(data, pos, len, "PUT "))
-		return 4;
-	if (http_starts_with(data, pos, len, "HEAD ") || http_starts_with(data, pos, len, "POST "))
-		return 5;
+	switch (data[pos]) {
+	case 'G':
+		return http_starts_with(data, pos, lim, "GET ", 4) ? 4 : 0;
+	case 'P':
+		if (http_starts_with(data, pos, lim, "PUT ", 4))
+			return 4;
+		return http_starts_with(data, pos, lim, "POST ", 5) ? 5 : 0;
+	case 'H':
+		return http_starts_with(data, pos, lim, "HEAD ", 5) ? 5 : 0;
+	}
 	return 0;
 }
 
-// Offset of the first c at or after pos, before the first NUL; -1 if none.
-static long http_find(const char *data, long pos, long len, char c)
+// Offset of the first c in data[pos, lim); -1 if none.
+static inline long http_find(const char *data, long pos, long lim, char c)
 {
-	for (; pos < len && data[pos]; pos++) {
-		if (data[pos] == c)
-			return pos;
-	}
-	return -1;
+	const char *hit;
+
+	if (pos >= lim)
+		return -1;
+	hit = (const char *)memchr(data + pos, c, lim - pos);
+	return hit ? hit - data : -1;
 }
 
-static int http_has_header_end(const char *data, long len)
+static int http_has_header_end(const char *data, long lim)
 {
-	for (long pos = 0; pos < len && data[pos]; pos++) {
-		if (http_starts_with(data, pos, len, "\r\n\r\n"))
+	for (long cr = http_find(data, 0, lim, '\r'); cr >= 0; cr = http_find(data, cr + 1, lim, '\r')) {
+		if (http_starts_with(data, cr, lim, "\r\n\r\n", 4))
 			return 1;
 	}
 	return 0;
 }
 
-// Copies up to n bytes (stopping after a NUL) and ends the field at n.
+// Copies n bytes of a line (no NUL lies before lim) and ends the field.
 static void http_copy_field(char *field, const char *src, unsigned long n)
 {
 	if (n > HTTP_MAX_TEXT)
 		n = HTTP_MAX_TEXT;
-	for (unsigned long i = 0; i < n; i++) {
-		field[i] = src[i];
-		if (!src[i])
-			break;
-	}
+	memcpy(field, src, n);
 	field[n] = '\0';
 }
 
 int decode_http(const char *data, int len, struct http_info *info)
 {
-	long pos = 0;
+	long pos = 0, lim;
 	int found_url = 0, found_host = 0;
 
 	if (len < HTTP_MIN_LEN)
 		return -1;
-	if (!http_method_len(data, 0, len))
+	lim = strnlen(data, len);
+	if (!http_method_len(data, 0, lim))
 		return -2;
-	if (!http_has_header_end(data, len))
+	if (!http_has_header_end(data, lim))
 		return -3;
 
 	while (pos < len) {
-		long cr = http_find(data, pos, len, '\r');
-		int method;
+		long cr, method;
 
+		// Stepping over the byte after a '\r' can step over a NUL: the
+		// searches then run to the next one, as string searches from pos do.
+		if (pos > lim)
+			lim = pos + strnlen(data + pos, len - pos);
+		cr = http_find(data, pos, lim, '\r');
 		if (cr < 0)
 			break;
 
@@ -95,7 +106,7 @@ int decode_http(const char *data, int len, struct http_info *info)
 		}
 
 		// For a request line this looks at the URL itself.
-		if (http_starts_with(data, pos, cr, "Host: ")) {
+		if (http_starts_with(data, pos, cr, "Host: ", 6)) {
 			long value = pos + 6;
 
 			http_copy_field(info->host, data + value, (unsigned long)(cr - value));

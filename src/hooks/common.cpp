@@ -13,16 +13,6 @@
 
 static const u8 no_mac[ETH_ALEN] = {};
 
-int service_mode(void)
-{
-	return (pc_enabled ? MODE_PC : 0) | (wp_enabled ? MODE_WP : 0);
-}
-
-int dev_is(const struct net_device *dev, const char *name)
-{
-	return dev && strncmp(dev->name, name, 3) == 0;
-}
-
 static int tcp_flag_group(const struct tcphdr *th)
 {
 	return tcp_flag_byte(th) & TCP_FLAG_GROUP;

@@ -1,6 +1,7 @@
 #pragma once
 // What the forward hooks share: the service mode, the bridge names, the
 // TCP flag tests, the client's MAC and the per-device checks.
+#include "core/hook_registry.h"
 #include "linux/netdevice.h"
 #include "linux/skbuff.h"
 #include "linux/tcp.h"
@@ -10,11 +11,30 @@
 #define MODE_WP 1
 #define MODE_PC 2
 
-int service_mode(void);
+// Both run for every packet of every hook, so they are inline.
+static inline int service_mode(void)
+{
+	return (pc_enabled ? MODE_PC : 0) | (wp_enabled ? MODE_WP : 0);
+}
 
 // Does the device's name begin with the three characters of name ("br0",
-// "br1")? A NULL device never does.
-int dev_is(const struct net_device *dev, const char *name);
+// "br1")? A NULL device never does. strncmp(dev->name, name, 3) == 0,
+// byte by byte: equal up to a shared NUL or over all three bytes.
+static inline int dev_is(const struct net_device *dev, const char *name)
+{
+	const char *d;
+
+	if (!dev)
+		return 0;
+	d = dev->name;
+	for (int i = 0; i < 3; i++) {
+		if (d[i] != name[i])
+			return 0;
+		if (!d[i])
+			return 1;
+	}
+	return 1;
+}
 
 // The three flag bits ACK, SYN and FIN as a group; other flags are not
 // looked at.
