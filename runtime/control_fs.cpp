@@ -182,10 +182,16 @@ ControlFs::ControlFs(const std::string &dir, std::vector<std::string> control_fi
 	const char *argv[] = {"dnshookd", "-o", "default_permissions,allow_other,auto_unmount,fsname=dnshook,subtype=dnshook", nullptr};
 	fuse_args args = FUSE_ARGS_INIT(3, (char **)argv);
 	se_ = fuse_session_new(&args, &kOps, sizeof(kOps), this);
+	// The session copied what it needs; the library may have grown the list.
+	fuse_opt_free_args(&args);
 	if (!se_)
 		throw Fatal{"--control " + dir_ + ": cannot start a FUSE session"};
-	if (fuse_session_mount(se_, dir_.c_str()) != 0)
+	if (fuse_session_mount(se_, dir_.c_str()) != 0) {
+		// No destructor runs for a constructor that throws.
+		fuse_session_destroy(se_);
+		se_ = nullptr;
 		throw Fatal{"--control " + dir_ + ": cannot mount the control files (is /dev/fuse there?)"};
+	}
 	mounted_ = true;
 }
 
