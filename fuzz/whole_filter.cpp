@@ -21,7 +21,8 @@
 //   4 the clock moves by a * 256 + b ticks, by 2^31 when a is 255
 //   5 every conntrack entry expires
 //   6 allocation a % 8 + 1 from now fails (kmalloc, or a buffer if b & 1)
-//   7 the service switches: WP a & 1, PC a & 2
+//   7 with a bit 7 clear, the service switches: WP a & 1, PC a & 2;
+//     with a bit 7 set, a whole HTTP conversation (see conversation())
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -33,6 +34,7 @@
 #include "fuzz/populate.h"
 #include "kmodel/host.h"
 #include "kmodel/net.h"
+#include "net/neighbour.h"
 
 namespace {
 
@@ -91,6 +93,102 @@ void packet(sim::Router &r, uint8_t op, uint8_t a, uint8_t b, const uint8_t *p, 
 		r.forward(ip, lan, r.wan(), mac, linear);
 }
 
+void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b);
+
+// Clients on routes of each kind: the boot's header-cache routes, a
+// neighbour only, neither, and no route at all.
+const char *const kConv4[] = {"192.168.1.20", "192.168.7.20", "192.168.8.20", "10.9.9.20"};
+const char *const kConv6[] = {"2001:db8:1::20", "2001:db8:7::20", "2001:db8:8::20", "2001:db9::20"};
+
+void conversation_routes(sim::Router &r)
+{
+	static const sim::Mac next = {0x00, 0x11, 0x22, 0x33, 0x44, 0x77};
+	struct neighbour *n4 = r.neighbour("192.168.7.1", r.br0(), next, NUD_REACHABLE, 0);
+	struct neighbour *n6 = r.neighbour("2001:db8:7::1", r.br0(), next, NUD_REACHABLE, 0);
+	r.route("192.168.7.0/24", r.br0(), KMODEL_OUT_NEIGH, nullptr, n4);
+	r.route("2001:db8:7::/64", r.br0(), KMODEL_OUT_NEIGH, nullptr, n6);
+	r.route("192.168.8.0/24", r.br0(), KMODEL_OUT_NONE);
+	r.route("2001:db8:8::/64", r.br0(), KMODEL_OUT_NONE);
+}
+
+// A whole HTTP conversation with sequence numbers that follow: a bit 2
+// IPv6, bits 0-1 the client's route (see kConv4), bits 3-5 the device
+// (its MAC as for packets); b & 3 the verdict, b bits 2-3 IPv6 extension
+// headers in front of TCP (none, hop-by-hop, destination options and a
+// routing header, an atomic fragment), b bit 4 the request in two
+// segments, b bit 5 the server sends before the client's next segment,
+// b bit 6 the client closes with FIN instead of the bare ACKs; op bits
+// 3-4 the linear part as for packets; the bytes, if any, are the host.
+void conversation(sim::Router &r, sim::NetlinkPeer &daemon, uint8_t op, uint8_t a, uint8_t b,
+		  const uint8_t *p, size_t n)
+{
+	bool v6 = a & 4;
+	int route = a & 3, who = (a >> 3) & 7;
+	const char *c = v6 ? kConv6[route] : kConv4[route];
+	std::string s = v6 ? server6(who) : server4(who);
+	uint16_t cport = uint16_t(45000 + who);
+	std::string host = "c" + std::to_string(who) + ".example";
+	if (n)
+		host.assign((const char *)p, n);
+	std::string req = "GET /p HTTP/1.1\r\nHost: " + host + "\r\nAccept: */*\r\n\r\n";
+	size_t linear = (op >> 3) & 3 ? (size_t)((op >> 3) & 3) * 20 : SIZE_MAX;
+	sim::Mac mac = client_mac(who);
+	auto seg = [&](bool up, uint8_t flags, uint32_t seq, uint32_t ack, const std::string &pl) {
+		sim::Bytes ip;
+		if (!v6) {
+			ip = fuzz::l4(false, up ? c : s.c_str(), up ? s.c_str() : c, up ? cport : 80, up ? 80 : cport,
+				      flags, seq, ack, pl);
+		} else {
+			sim::Tcp t;
+			t.sport = up ? cport : 80;
+			t.dport = up ? 80 : cport;
+			t.flags = flags;
+			t.seq = seq;
+			t.ack = ack;
+			t.payload.assign(pl.begin(), pl.end());
+			sim::Ip6 ip6;
+			ip6.src = sim::ip6(up ? c : s.c_str());
+			ip6.dst = sim::ip6(up ? s.c_str() : c);
+			switch ((b >> 2) & 3) {
+			case 1: ip6.ext.push_back({0, {1, 2, 0, 0}}); break;
+			case 2:
+				ip6.ext.push_back({60, {1, 0}});
+				ip6.ext.push_back({43, {0, 0, 0, 0, 0, 0}});
+				break;
+			case 3: ip6.ext.push_back({44, sim::frag6_body(0, false, 0x1234 + who)}); break;
+			default: break;
+			}
+			ip = sim::ip6_tcp(ip6, t);
+		}
+		if (up)
+			r.forward(ip, r.br0(), r.wan(), mac, linear);
+		else
+			r.forward(ip, r.wan(), r.br0(), sim::kGatewayMac, linear);
+	};
+	const uint32_t cs = 1000, ss = 9000;
+	uint32_t next = cs + 1 + (uint32_t)req.size();
+	seg(true, sim::SYN, cs, 0, "");
+	seg(false, sim::SYN | sim::ACK, ss, cs + 1, "");
+	seg(true, sim::ACK, cs + 1, ss + 1, "");
+	if (b & 0x10) {
+		size_t half = req.size() / 2;
+		seg(true, sim::PSH | sim::ACK, cs + 1, ss + 1, req.substr(0, half));
+		seg(true, sim::PSH | sim::ACK, cs + 1 + (uint32_t)half, ss + 1, req.substr(half));
+	} else {
+		seg(true, sim::PSH | sim::ACK, cs + 1, ss + 1, req);
+	}
+	replies(daemon, b & 3, 0);
+	if (b & 0x20)
+		seg(false, sim::ACK, ss + 1, next, "HTTP/1.1 200 OK\r\n\r\n");
+	seg(true, sim::ACK, next, ss + 1, "");
+	seg(true, sim::ACK, next, ss + 1, "");
+	seg(true, sim::ACK, next, ss + 2, "");
+	if (b & 0x40)
+		seg(true, sim::FIN | sim::ACK, next, ss + 2, "");
+	seg(true, sim::FIN | sim::ACK, next, ss + 2, "");
+	seg(false, sim::FIN | sim::ACK, ss + 2, next + 1, "");
+}
+
 void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b)
 {
 	for (const sim::Bytes &q : daemon.read_payloads()) {
@@ -131,6 +229,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 		r.route("2001:db8::/32", r.wan(), KMODEL_OUT_HH, &sim::kGatewayMac);
 		r.write_proc("tblock_proc", "add 00:11:22:33:44:55\n");
 		r.write_proc("unblock_proc", "+|00:11:22:33:44:56");
+		conversation_routes(r);
 		size_t pos = 1;
 		while (pos + 4 <= size) {
 			uint8_t op = data[pos], a = data[pos + 1], b = data[pos + 2];
@@ -156,6 +255,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 					kmodel_fail_alloc_nth(a % 8 + 1);
 				break;
 			default:
+				if (a & 0x80) {
+					conversation(r, daemon, op, a, b, p, n);
+					break;
+				}
 				r.write_proc("wl_warning_page", (a & 1) ? "1\n" : "0\n");
 				r.write_proc("pcg_proc", (a & 2) ? "1\n" : "0\n");
 			}
