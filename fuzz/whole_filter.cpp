@@ -19,7 +19,8 @@
 //     bit 2 another service, bit 3 every reply twice, bit 4 a long address
 //   3 the bytes written to control file a & 3
 //   4 the clock moves by a * 256 + b ticks, by 2^31 when a is 255
-//   5 every conntrack entry expires
+//   5 with a bit 7 clear, every conntrack entry expires; with it set, a
+//     flow to an address a DNS answer gave out (see flow())
 //   6 allocation a % 8 + 1 from now fails (kmalloc, or a buffer if b & 1)
 //   7 with a bit 7 clear, the service switches: WP a & 1, PC a & 2;
 //     with a bit 7 set, a whole HTTP conversation (see conversation())
@@ -109,6 +110,50 @@ void conversation_routes(sim::Router &r)
 	r.route("2001:db8:7::/64", r.br0(), KMODEL_OUT_NEIGH, nullptr, n6);
 	r.route("192.168.8.0/24", r.br0(), KMODEL_OUT_NONE);
 	r.route("2001:db8:8::/64", r.br0(), KMODEL_OUT_NONE);
+	// Three of the four clients in the neighbour tables: packets from a
+	// server find their device's MAC there, or not.
+	for (int who = 0; who < 3; who++) {
+		r.neighbour(kClients4[who], r.br0(), client_mac(who), NUD_REACHABLE, 0);
+		r.neighbour(kClients6[who], r.br0(), client_mac(who), NUD_REACHABLE, 0);
+	}
+}
+
+// A flow to an address learnt from DNS: client a bits 3-4 (of kClients4,
+// its query always over IPv4), the flow over IPv6 if a bit 2, to the
+// name's server (a & 3 picks it) on port 443 if b bit 0, else 8443; the
+// daemon's verdict (b >> 1) & 3; b bit 3 the server sends before the
+// verdict; b bit 4 the clock moves by 2^16 ticks before the last packets;
+// the bytes, if any, are the first data segment's payload.
+void flow(sim::Router &r, sim::NetlinkPeer &daemon, uint8_t op, uint8_t a, uint8_t b, const uint8_t *p,
+	  size_t n)
+{
+	bool v6 = a & 4;
+	int who = (a >> 3) & 3;
+	uint8_t srv = uint8_t(200 + (a & 3));
+	std::string c4 = kClients4[who], c = v6 ? kClients6[who] : kClients4[who];
+	std::string s = v6 ? server6(srv) : server4(srv);
+	uint16_t port = (b & 1) ? 443 : 8443, cport = uint16_t(46000 + who);
+	std::string nm = "flow" + std::to_string(a & 3) + ".example";
+	size_t linear = (op >> 3) & 3 ? (size_t)((op >> 3) & 3) * 20 : SIZE_MAX;
+	sim::Mac mac = client_mac(who);
+	auto up = [&](const sim::Bytes &ip) { r.forward(ip, r.br0(), r.wan(), mac, linear); };
+	auto down = [&](const sim::Bytes &ip) { r.forward(ip, r.wan(), r.br0(), sim::kGatewayMac, linear); };
+	up(fuzz::l4(true, c4.c_str(), fuzz::kResolver, 40001, 53, 0, 0, 0,
+		    fuzz::dns_answer(nm, server4(srv).c_str(), server6(srv).c_str(), false)));
+	down(fuzz::l4(true, fuzz::kResolver, c4.c_str(), 53, 40001, 0, 0, 0,
+		      fuzz::dns_answer(nm, server4(srv).c_str(), server6(srv).c_str(), true)));
+	std::string hello = n ? std::string((const char *)p, n) : std::string("\x16\x03\x01\x00\x05hello", 10);
+	up(fuzz::l4(false, c.c_str(), s.c_str(), cport, port, sim::SYN, 1, 0, ""));
+	down(fuzz::l4(false, s.c_str(), c.c_str(), port, cport, sim::SYN | sim::ACK, 7, 2, ""));
+	up(fuzz::l4(false, c.c_str(), s.c_str(), cport, port, sim::ACK, 2, 8, hello));
+	if (b & 8)
+		down(fuzz::l4(false, s.c_str(), c.c_str(), port, cport, sim::ACK, 8, 2 + hello.size(), "\x16\x03"));
+	replies(daemon, (b >> 1) & 3, 0);
+	if (b & 0x10)
+		r.advance(0x10000);
+	up(fuzz::l4(false, c.c_str(), s.c_str(), cport, port, sim::ACK, 2 + hello.size(), 8, "\x17\x03\x03"));
+	down(fuzz::l4(false, s.c_str(), c.c_str(), port, cport, sim::ACK, 8, 5 + hello.size(), "\x17\x03\x03"));
+	up(fuzz::l4(false, c.c_str(), s.c_str(), cport, port, sim::FIN | sim::ACK, 5 + hello.size(), 11, ""));
 }
 
 // A whole HTTP conversation with sequence numbers that follow: a bit 2
@@ -247,7 +292,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 			case 2: replies(daemon, a, b); break;
 			case 3: kmodel_proc_write(kFiles[a & 3], p, n); break;
 			case 4: r.advance(a == 255 ? 0x80000000u : a * 256u + b); break;
-			case 5: r.conntrack_expire_all(); break;
+			case 5:
+				if (a & 0x80)
+					flow(r, daemon, op, a, b, p, n);
+				else
+					r.conntrack_expire_all();
+				break;
 			case 6:
 				if (b & 1)
 					kmodel_fail_skb_alloc_nth(a % 8 + 1);
