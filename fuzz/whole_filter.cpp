@@ -96,6 +96,10 @@ void packet(sim::Router &r, uint8_t op, uint8_t a, uint8_t b, const uint8_t *p, 
 
 void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b);
 
+// Conversations and flows of one input so far: each gets client ports of
+// its own, so that none lands in a connection an earlier one left open.
+unsigned g_sessions;
+
 // Clients on routes of each kind: the boot's header-cache routes, a
 // neighbour only, neither, and no route at all.
 const char *const kConv4[] = {"192.168.1.20", "192.168.7.20", "192.168.8.20", "10.9.9.20"};
@@ -132,7 +136,7 @@ void flow(sim::Router &r, sim::NetlinkPeer &daemon, uint8_t op, uint8_t a, uint8
 	uint8_t srv = uint8_t(200 + (a & 3));
 	std::string c4 = kClients4[who], c = v6 ? kClients6[who] : kClients4[who];
 	std::string s = v6 ? server6(srv) : server4(srv);
-	uint16_t port = (b & 1) ? 443 : 8443, cport = uint16_t(46000 + who);
+	uint16_t port = (b & 1) ? 443 : 8443, cport = uint16_t(30000 + (g_sessions++ % 1024) * 8 + who);
 	std::string nm = "flow" + std::to_string(a & 3) + ".example";
 	size_t linear = (op >> 3) & 3 ? (size_t)((op >> 3) & 3) * 20 : SIZE_MAX;
 	sim::Mac mac = client_mac(who);
@@ -162,8 +166,11 @@ void flow(sim::Router &r, sim::NetlinkPeer &daemon, uint8_t op, uint8_t a, uint8
 // headers in front of TCP (none, hop-by-hop, destination options and a
 // routing header, an atomic fragment), b bit 4 the request in two
 // segments, b bit 5 the server sends before the client's next segment,
-// b bit 6 the client closes with FIN instead of the bare ACKs; op bits
-// 3-4 the linear part as for packets; the bytes, if any, are the host.
+// b bit 6 the client closes with FIN instead of the bare ACKs, b bit 7
+// the request is no HTTP (the bytes, or a line of text, instead of a GET:
+// from the time-blocked device with PC alone it is blocked without the
+// daemon); op bits 3-4 the linear part as for packets; the bytes, if
+// any, are the host.
 void conversation(sim::Router &r, sim::NetlinkPeer &daemon, uint8_t op, uint8_t a, uint8_t b,
 		  const uint8_t *p, size_t n)
 {
@@ -171,11 +178,13 @@ void conversation(sim::Router &r, sim::NetlinkPeer &daemon, uint8_t op, uint8_t 
 	int route = a & 3, who = (a >> 3) & 7;
 	const char *c = v6 ? kConv6[route] : kConv4[route];
 	std::string s = v6 ? server6(who) : server4(who);
-	uint16_t cport = uint16_t(45000 + who);
+	uint16_t cport = uint16_t(45000 + (g_sessions++ % 2048) * 8 + who);
 	std::string host = "c" + std::to_string(who) + ".example";
 	if (n)
 		host.assign((const char *)p, n);
 	std::string req = "GET /p HTTP/1.1\r\nHost: " + host + "\r\nAccept: */*\r\n\r\n";
+	if (b & 0x80)
+		req = (n ? host : std::string("HELO there")) + "\r\n\r\n";
 	size_t linear = (op >> 3) & 3 ? (size_t)((op >> 3) & 3) * 20 : SIZE_MAX;
 	sim::Mac mac = client_mac(who);
 	auto seg = [&](bool up, uint8_t flags, uint32_t seq, uint32_t ack, const std::string &pl) {
@@ -269,6 +278,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	{
 		sim::Router r;
 		sim::NetlinkPeer daemon;
+		g_sessions = 0;
 		if (!fuzz::boot(r, data[0]))
 			abort();
 		r.route("2001:db8::/32", r.wan(), KMODEL_OUT_HH, &sim::kGatewayMac);
