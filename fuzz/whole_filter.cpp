@@ -33,6 +33,7 @@
 #include "core/rating.h"
 #include "fuzz/invariants.h"
 #include "fuzz/populate.h"
+#include "hooks/update_host.h"
 #include "kmodel/host.h"
 #include "kmodel/net.h"
 #include "net/neighbour.h"
@@ -127,7 +128,8 @@ void conversation_routes(sim::Router &r)
 // name's server (a & 3 picks it) on port 443 if b bit 0, else 8443; the
 // daemon's verdict (b >> 1) & 3; b bit 3 the server sends before the
 // verdict; b bit 4 the clock moves by 2^16 ticks before the last packets;
-// the bytes, if any, are the first data segment's payload.
+// b bit 5 the name is the firmware update host, b bit 6 the answer comes
+// twice; the bytes, if any, are the first data segment's payload.
 void flow(sim::Router &r, sim::NetlinkPeer &daemon, uint8_t op, uint8_t a, uint8_t b, const uint8_t *p,
 	  size_t n)
 {
@@ -137,15 +139,16 @@ void flow(sim::Router &r, sim::NetlinkPeer &daemon, uint8_t op, uint8_t a, uint8
 	std::string c4 = kClients4[who], c = v6 ? kClients6[who] : kClients4[who];
 	std::string s = v6 ? server6(srv) : server4(srv);
 	uint16_t port = (b & 1) ? 443 : 8443, cport = uint16_t(30000 + (g_sessions++ % 1024) * 8 + who);
-	std::string nm = "flow" + std::to_string(a & 3) + ".example";
+	std::string nm = (b & 0x20) ? FW_UPDATE_HOST : "flow" + std::to_string(a & 3) + ".example";
 	size_t linear = (op >> 3) & 3 ? (size_t)((op >> 3) & 3) * 20 : SIZE_MAX;
 	sim::Mac mac = client_mac(who);
 	auto up = [&](const sim::Bytes &ip) { r.forward(ip, r.br0(), r.wan(), mac, linear); };
 	auto down = [&](const sim::Bytes &ip) { r.forward(ip, r.wan(), r.br0(), sim::kGatewayMac, linear); };
 	up(fuzz::l4(true, c4.c_str(), fuzz::kResolver, 40001, 53, 0, 0, 0,
 		    fuzz::dns_answer(nm, server4(srv).c_str(), server6(srv).c_str(), false)));
-	down(fuzz::l4(true, fuzz::kResolver, c4.c_str(), 53, 40001, 0, 0, 0,
-		      fuzz::dns_answer(nm, server4(srv).c_str(), server6(srv).c_str(), true)));
+	for (int i = 0; i < ((b & 0x40) ? 2 : 1); i++)
+		down(fuzz::l4(true, fuzz::kResolver, c4.c_str(), 53, 40001, 0, 0, 0,
+			      fuzz::dns_answer(nm, server4(srv).c_str(), server6(srv).c_str(), true)));
 	std::string hello = n ? std::string((const char *)p, n) : std::string("\x16\x03\x01\x00\x05hello", 10);
 	up(fuzz::l4(false, c.c_str(), s.c_str(), cport, port, sim::SYN, 1, 0, ""));
 	down(fuzz::l4(false, s.c_str(), c.c_str(), port, cport, sim::SYN | sim::ACK, 7, 2, ""));
