@@ -5,8 +5,9 @@
 // allocations. The table and buffer invariants (fuzz/invariants.h) are
 // checked after every step.
 //
-// Input: a mode byte (bit 0 WP, bit 1 PC), then steps [op] [a] [b] [n]
-// [n bytes], op & 7 choosing:
+// Input: a mode byte (bit 0 WP, bit 1 PC; with bits 6 and 7 both set, a
+// second byte makes one step of the load fail, see failing_load), then
+// steps [op] [a] [b] [n] [n bytes], op & 7 choosing:
 //   0 a packet: a bit 0 IPv6, bits 1-2 TCP / UDP / DNS query-or-answer /
 //     raw bytes, bit 3 from the server, bit 4 via br1, bits 5-7 the client
 //     (8 of them: the time-blocked and the exempted device among them);
@@ -266,6 +267,18 @@ void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b)
 	}
 }
 
+// One step of the load fails: c bits 0-1 choose a kmalloc, a control
+// file's creation, a hook's registration or the netlink socket, bits 2-7
+// which of them (1 to 64). 0 disarms them all.
+void failing_load(uint8_t c)
+{
+	long nth = c ? (c >> 2) + 1 : 0;
+	kmodel_fail_alloc_nth((c & 3) == 0 ? nth : 0);
+	kmodel_fail_proc_create_nth((c & 3) == 1 ? nth : 0);
+	kmodel_fail_nf_register_nth((c & 3) == 2 ? nth : 0, -EBUSY);
+	kmodel_fail_netlink_create_nth((c & 3) == 3 ? nth : 0);
+}
+
 void check(void)
 {
 	if (invariants::tables() || invariants::buffers())
@@ -282,13 +295,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 		sim::Router r;
 		sim::NetlinkPeer daemon;
 		g_sessions = 0;
-		if (!fuzz::boot(r, data[0]))
+		size_t pos = 1;
+		bool inject = (data[0] & 0xc0) == 0xc0 && size >= 2;
+		if (inject) {
+			failing_load(data[1]);
+			pos = 2;
+		}
+		bool loaded = fuzz::boot(r, data[0]);
+		failing_load(0);
+		if (!loaded && !inject)
 			abort();
+		if (!loaded)
+			goto done;
 		r.route("2001:db8::/32", r.wan(), KMODEL_OUT_HH, &sim::kGatewayMac);
 		r.write_proc("tblock_proc", "add 00:11:22:33:44:55\n");
 		r.write_proc("unblock_proc", "+|00:11:22:33:44:56");
 		conversation_routes(r);
-		size_t pos = 1;
 		while (pos + 4 <= size) {
 			uint8_t op = data[pos], a = data[pos + 1], b = data[pos + 2];
 			size_t n = std::min<size_t>(data[pos + 3], size - pos - 4);
@@ -331,6 +353,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 		kmodel_fail_skb_alloc_nth(0);
 		r.unload();
 	}
+done:
 	kmodel_free_all();
 	kmodel_reset();
 	return 0;
