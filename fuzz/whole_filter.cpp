@@ -14,7 +14,10 @@
 //     b picks the server port (80, 443, 53, 8443 or 1024 + b) and, bit 7,
 //     an IPv4 fragment; the bytes are the TCP flags and the payload; op
 //     bits 3-4 make 20, 40 or 60 bytes linear instead of all
-//   1 a DNS answer giving server b's addresses for name a % 16
+//   1 a DNS answer giving server b's addresses for name a % 16; with a
+//     bit 7 set, 120 queries and answers of names and addresses not seen
+//     before (from the input's count of such bursts), which fill the DNS
+//     table and the flow tables past their 100 slots
 //   2 replies to the requests the daemon holds: verdict a & 3 (3 an
 //     unknown code), b bit 0 a short buffer (b bytes), bit 1 another kind,
 //     bit 2 another service, bit 3 every reply twice, bit 4 a long address
@@ -267,6 +270,26 @@ void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b)
 	}
 }
 
+void check(void);
+
+void burst(sim::Router &r, uint8_t b)
+{
+	for (unsigned i = 0; i < 120; i++) {
+		unsigned k = g_sessions++ % 4096;
+		std::string nm = "b" + std::to_string(k) + ".example";
+		std::string v4 = "93.184." + std::to_string(100 + k / 250) + "." + std::to_string(1 + k % 250);
+		std::string v6 = "2001:db8:3::" + std::to_string(k + 1);
+		const char *c = kClients4[(b + i) & 3];
+		r.forward(fuzz::l4(true, c, fuzz::kResolver, 40001, 53, 0, 0, 0,
+				   fuzz::dns_answer(nm, v4.c_str(), v6.c_str(), false)),
+			  r.br0(), r.wan(), client_mac((b + i) & 3));
+		r.forward(fuzz::l4(true, fuzz::kResolver, c, 53, 40001, 0, 0, 0,
+				   fuzz::dns_answer(nm, v4.c_str(), v6.c_str(), true)),
+			  r.wan(), r.br0(), sim::kGatewayMac);
+		check();
+	}
+}
+
 // One step of the load fails: c bits 0-1 choose a kmalloc, a control
 // file's creation, a hook's registration or the netlink socket, bits 2-7
 // which of them (1 to 64). 0 disarms them all.
@@ -319,6 +342,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 			switch (op & 7) {
 			case 0: packet(r, op, a, b, p, n); break;
 			case 1: {
+				if (a & 0x80) {
+					burst(r, b);
+					break;
+				}
 				std::string dns = fuzz::dns_answer(name(a), server4(b).c_str(), server6(b).c_str(), true);
 				sim::Bytes ip = fuzz::l4(true, fuzz::kResolver, fuzz::kClient, 53, 40001, 0, 0, 0, dns);
 				r.forward(ip, r.wan(), r.br0(), sim::kGatewayMac);
