@@ -5,23 +5,29 @@
 // allocations. The table and buffer invariants (fuzz/invariants.h) are
 // checked after every step.
 //
-// Input: a mode byte (bit 0 WP, bit 1 PC), then steps [op] [a] [b] [n]
-// [n bytes], op & 7 choosing:
+// Input: a mode byte (bit 0 WP, bit 1 PC; with bits 6 and 7 both set, a
+// second byte makes one step of the load fail, see failing_load), then
+// steps [op] [a] [b] [n] [n bytes], op & 7 choosing:
 //   0 a packet: a bit 0 IPv6, bits 1-2 TCP / UDP / DNS query-or-answer /
 //     raw bytes, bit 3 from the server, bit 4 via br1, bits 5-7 the client
 //     (8 of them: the time-blocked and the exempted device among them);
 //     b picks the server port (80, 443, 53, 8443 or 1024 + b) and, bit 7,
 //     an IPv4 fragment; the bytes are the TCP flags and the payload; op
 //     bits 3-4 make 20, 40 or 60 bytes linear instead of all
-//   1 a DNS answer giving server b's addresses for name a % 16
+//   1 a DNS answer giving server b's addresses for name a % 16; with a
+//     bit 7 set, 120 queries and answers of names and addresses not seen
+//     before (from the input's count of such bursts), which fill the DNS
+//     table and the flow tables past their 100 slots
 //   2 replies to the requests the daemon holds: verdict a & 3 (3 an
 //     unknown code), b bit 0 a short buffer (b bytes), bit 1 another kind,
 //     bit 2 another service, bit 3 every reply twice, bit 4 a long address
 //   3 the bytes written to control file a & 3
 //   4 the clock moves by a * 256 + b ticks, by 2^31 when a is 255
-//   5 every conntrack entry expires
+//   5 with a bit 7 clear, every conntrack entry expires; with it set, a
+//     flow to an address a DNS answer gave out (see flow())
 //   6 allocation a % 8 + 1 from now fails (kmalloc, or a buffer if b & 1)
-//   7 the service switches: WP a & 1, PC a & 2
+//   7 with a bit 7 clear, the service switches: WP a & 1, PC a & 2;
+//     with a bit 7 set, a whole HTTP conversation (see conversation())
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -31,8 +37,10 @@
 #include "core/rating.h"
 #include "fuzz/invariants.h"
 #include "fuzz/populate.h"
+#include "hooks/update_host.h"
 #include "kmodel/host.h"
 #include "kmodel/net.h"
+#include "net/neighbour.h"
 
 namespace {
 
@@ -91,6 +99,157 @@ void packet(sim::Router &r, uint8_t op, uint8_t a, uint8_t b, const uint8_t *p, 
 		r.forward(ip, lan, r.wan(), mac, linear);
 }
 
+void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b);
+
+// Conversations and flows of one input so far: each gets client ports of
+// its own, so that none lands in a connection an earlier one left open.
+unsigned g_sessions;
+
+// Clients on routes of each kind: the boot's header-cache routes, a
+// neighbour only, neither, and no route at all.
+const char *const kConv4[] = {"192.168.1.20", "192.168.7.20", "192.168.8.20", "10.9.9.20"};
+const char *const kConv6[] = {"2001:db8:1::20", "2001:db8:7::20", "2001:db8:8::20", "2001:db9::20"};
+
+void conversation_routes(sim::Router &r)
+{
+	static const sim::Mac next = {0x00, 0x11, 0x22, 0x33, 0x44, 0x77};
+	struct neighbour *n4 = r.neighbour("192.168.7.1", r.br0(), next, NUD_REACHABLE, 0);
+	struct neighbour *n6 = r.neighbour("2001:db8:7::1", r.br0(), next, NUD_REACHABLE, 0);
+	r.route("192.168.7.0/24", r.br0(), KMODEL_OUT_NEIGH, nullptr, n4);
+	r.route("2001:db8:7::/64", r.br0(), KMODEL_OUT_NEIGH, nullptr, n6);
+	r.route("192.168.8.0/24", r.br0(), KMODEL_OUT_NONE);
+	r.route("2001:db8:8::/64", r.br0(), KMODEL_OUT_NONE);
+	// Three of the four clients in the neighbour tables: packets from a
+	// server find their device's MAC there, or not.
+	for (int who = 0; who < 3; who++) {
+		r.neighbour(kClients4[who], r.br0(), client_mac(who), NUD_REACHABLE, 0);
+		r.neighbour(kClients6[who], r.br0(), client_mac(who), NUD_REACHABLE, 0);
+	}
+}
+
+// A flow to an address learnt from DNS: client a bits 3-4 (of kClients4,
+// its query always over IPv4), the flow over IPv6 if a bit 2, to the
+// name's server (a & 3 picks it) on port 443 if b bit 0, else 8443; the
+// daemon's verdict (b >> 1) & 3; b bit 3 the server sends before the
+// verdict; b bit 4 the clock moves by 2^16 ticks before the last packets;
+// b bit 5 the name is the firmware update host, b bit 6 the answer comes
+// twice; the bytes, if any, are the first data segment's payload.
+void flow(sim::Router &r, sim::NetlinkPeer &daemon, uint8_t op, uint8_t a, uint8_t b, const uint8_t *p,
+	  size_t n)
+{
+	bool v6 = a & 4;
+	int who = (a >> 3) & 3;
+	uint8_t srv = uint8_t(200 + (a & 3));
+	std::string c4 = kClients4[who], c = v6 ? kClients6[who] : kClients4[who];
+	std::string s = v6 ? server6(srv) : server4(srv);
+	uint16_t port = (b & 1) ? 443 : 8443, cport = uint16_t(30000 + (g_sessions++ % 1024) * 8 + who);
+	std::string nm = (b & 0x20) ? FW_UPDATE_HOST : "flow" + std::to_string(a & 3) + ".example";
+	size_t linear = (op >> 3) & 3 ? (size_t)((op >> 3) & 3) * 20 : SIZE_MAX;
+	sim::Mac mac = client_mac(who);
+	auto up = [&](const sim::Bytes &ip) { r.forward(ip, r.br0(), r.wan(), mac, linear); };
+	auto down = [&](const sim::Bytes &ip) { r.forward(ip, r.wan(), r.br0(), sim::kGatewayMac, linear); };
+	up(fuzz::l4(true, c4.c_str(), fuzz::kResolver, 40001, 53, 0, 0, 0,
+		    fuzz::dns_answer(nm, server4(srv).c_str(), server6(srv).c_str(), false)));
+	for (int i = 0; i < ((b & 0x40) ? 2 : 1); i++)
+		down(fuzz::l4(true, fuzz::kResolver, c4.c_str(), 53, 40001, 0, 0, 0,
+			      fuzz::dns_answer(nm, server4(srv).c_str(), server6(srv).c_str(), true)));
+	std::string hello = n ? std::string((const char *)p, n) : std::string("\x16\x03\x01\x00\x05hello", 10);
+	up(fuzz::l4(false, c.c_str(), s.c_str(), cport, port, sim::SYN, 1, 0, ""));
+	down(fuzz::l4(false, s.c_str(), c.c_str(), port, cport, sim::SYN | sim::ACK, 7, 2, ""));
+	up(fuzz::l4(false, c.c_str(), s.c_str(), cport, port, sim::ACK, 2, 8, hello));
+	if (b & 8)
+		down(fuzz::l4(false, s.c_str(), c.c_str(), port, cport, sim::ACK, 8, 2 + hello.size(), "\x16\x03"));
+	replies(daemon, (b >> 1) & 3, 0);
+	if (b & 0x10)
+		r.advance(0x10000);
+	up(fuzz::l4(false, c.c_str(), s.c_str(), cport, port, sim::ACK, 2 + hello.size(), 8, "\x17\x03\x03"));
+	down(fuzz::l4(false, s.c_str(), c.c_str(), port, cport, sim::ACK, 8, 5 + hello.size(), "\x17\x03\x03"));
+	up(fuzz::l4(false, c.c_str(), s.c_str(), cport, port, sim::FIN | sim::ACK, 5 + hello.size(), 11, ""));
+}
+
+// A whole HTTP conversation with sequence numbers that follow: a bit 2
+// IPv6, bits 0-1 the client's route (see kConv4), bits 3-5 the device
+// (its MAC as for packets); b & 3 the verdict, b bits 2-3 IPv6 extension
+// headers in front of TCP (none, hop-by-hop, destination options and a
+// routing header, an atomic fragment), b bit 4 the request in two
+// segments, b bit 5 the server sends before the client's next segment,
+// b bit 6 the client closes with FIN instead of the bare ACKs, b bit 7
+// the request is no HTTP (the bytes, or a line of text, instead of a GET:
+// from the time-blocked device with PC alone it is blocked without the
+// daemon); op bits 3-4 the linear part as for packets; the bytes, if
+// any, are the host.
+void conversation(sim::Router &r, sim::NetlinkPeer &daemon, uint8_t op, uint8_t a, uint8_t b,
+		  const uint8_t *p, size_t n)
+{
+	bool v6 = a & 4;
+	int route = a & 3, who = (a >> 3) & 7;
+	const char *c = v6 ? kConv6[route] : kConv4[route];
+	std::string s = v6 ? server6(who) : server4(who);
+	uint16_t cport = uint16_t(45000 + (g_sessions++ % 2048) * 8 + who);
+	std::string host = "c" + std::to_string(who) + ".example";
+	if (n)
+		host.assign((const char *)p, n);
+	std::string req = "GET /p HTTP/1.1\r\nHost: " + host + "\r\nAccept: */*\r\n\r\n";
+	if (b & 0x80)
+		req = (n ? host : std::string("HELO there")) + "\r\n\r\n";
+	size_t linear = (op >> 3) & 3 ? (size_t)((op >> 3) & 3) * 20 : SIZE_MAX;
+	sim::Mac mac = client_mac(who);
+	auto seg = [&](bool up, uint8_t flags, uint32_t seq, uint32_t ack, const std::string &pl) {
+		sim::Bytes ip;
+		if (!v6) {
+			ip = fuzz::l4(false, up ? c : s.c_str(), up ? s.c_str() : c, up ? cport : 80, up ? 80 : cport,
+				      flags, seq, ack, pl);
+		} else {
+			sim::Tcp t;
+			t.sport = up ? cport : 80;
+			t.dport = up ? 80 : cport;
+			t.flags = flags;
+			t.seq = seq;
+			t.ack = ack;
+			t.payload.assign(pl.begin(), pl.end());
+			sim::Ip6 ip6;
+			ip6.src = sim::ip6(up ? c : s.c_str());
+			ip6.dst = sim::ip6(up ? s.c_str() : c);
+			switch ((b >> 2) & 3) {
+			case 1: ip6.ext.push_back({0, {1, 2, 0, 0}}); break;
+			case 2:
+				ip6.ext.push_back({60, {1, 0}});
+				ip6.ext.push_back({43, {0, 0, 0, 0, 0, 0}});
+				break;
+			case 3: ip6.ext.push_back({44, sim::frag6_body(0, false, 0x1234 + who)}); break;
+			default: break;
+			}
+			ip = sim::ip6_tcp(ip6, t);
+		}
+		if (up)
+			r.forward(ip, r.br0(), r.wan(), mac, linear);
+		else
+			r.forward(ip, r.wan(), r.br0(), sim::kGatewayMac, linear);
+	};
+	const uint32_t cs = 1000, ss = 9000;
+	uint32_t next = cs + 1 + (uint32_t)req.size();
+	seg(true, sim::SYN, cs, 0, "");
+	seg(false, sim::SYN | sim::ACK, ss, cs + 1, "");
+	seg(true, sim::ACK, cs + 1, ss + 1, "");
+	if (b & 0x10) {
+		size_t half = req.size() / 2;
+		seg(true, sim::PSH | sim::ACK, cs + 1, ss + 1, req.substr(0, half));
+		seg(true, sim::PSH | sim::ACK, cs + 1 + (uint32_t)half, ss + 1, req.substr(half));
+	} else {
+		seg(true, sim::PSH | sim::ACK, cs + 1, ss + 1, req);
+	}
+	replies(daemon, b & 3, 0);
+	if (b & 0x20)
+		seg(false, sim::ACK, ss + 1, next, "HTTP/1.1 200 OK\r\n\r\n");
+	seg(true, sim::ACK, next, ss + 1, "");
+	seg(true, sim::ACK, next, ss + 1, "");
+	seg(true, sim::ACK, next, ss + 2, "");
+	if (b & 0x40)
+		seg(true, sim::FIN | sim::ACK, next, ss + 2, "");
+	seg(true, sim::FIN | sim::ACK, next, ss + 2, "");
+	seg(false, sim::FIN | sim::ACK, ss + 2, next + 1, "");
+}
+
 void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b)
 {
 	for (const sim::Bytes &q : daemon.read_payloads()) {
@@ -111,6 +270,38 @@ void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b)
 	}
 }
 
+void check(void);
+
+void burst(sim::Router &r, uint8_t b)
+{
+	for (unsigned i = 0; i < 120; i++) {
+		unsigned k = g_sessions++ % 4096;
+		std::string nm = "b" + std::to_string(k) + ".example";
+		std::string v4 = "93.184." + std::to_string(100 + k / 250) + "." + std::to_string(1 + k % 250);
+		std::string v6 = "2001:db8:3::" + std::to_string(k + 1);
+		const char *c = kClients4[(b + i) & 3];
+		r.forward(fuzz::l4(true, c, fuzz::kResolver, 40001, 53, 0, 0, 0,
+				   fuzz::dns_answer(nm, v4.c_str(), v6.c_str(), false)),
+			  r.br0(), r.wan(), client_mac((b + i) & 3));
+		r.forward(fuzz::l4(true, fuzz::kResolver, c, 53, 40001, 0, 0, 0,
+				   fuzz::dns_answer(nm, v4.c_str(), v6.c_str(), true)),
+			  r.wan(), r.br0(), sim::kGatewayMac);
+		check();
+	}
+}
+
+// One step of the load fails: c bits 0-1 choose a kmalloc, a control
+// file's creation, a hook's registration or the netlink socket, bits 2-7
+// which of them (1 to 64). 0 disarms them all.
+void failing_load(uint8_t c)
+{
+	long nth = c ? (c >> 2) + 1 : 0;
+	kmodel_fail_alloc_nth((c & 3) == 0 ? nth : 0);
+	kmodel_fail_proc_create_nth((c & 3) == 1 ? nth : 0);
+	kmodel_fail_nf_register_nth((c & 3) == 2 ? nth : 0, -EBUSY);
+	kmodel_fail_netlink_create_nth((c & 3) == 3 ? nth : 0);
+}
+
 void check(void)
 {
 	if (invariants::tables() || invariants::buffers())
@@ -126,12 +317,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	{
 		sim::Router r;
 		sim::NetlinkPeer daemon;
-		if (!fuzz::boot(r, data[0]))
+		g_sessions = 0;
+		size_t pos = 1;
+		bool inject = (data[0] & 0xc0) == 0xc0 && size >= 2;
+		if (inject) {
+			failing_load(data[1]);
+			pos = 2;
+		}
+		bool loaded = fuzz::boot(r, data[0]);
+		failing_load(0);
+		if (!loaded && !inject)
 			abort();
+		if (!loaded)
+			goto done;
 		r.route("2001:db8::/32", r.wan(), KMODEL_OUT_HH, &sim::kGatewayMac);
 		r.write_proc("tblock_proc", "add 00:11:22:33:44:55\n");
 		r.write_proc("unblock_proc", "+|00:11:22:33:44:56");
-		size_t pos = 1;
+		conversation_routes(r);
 		while (pos + 4 <= size) {
 			uint8_t op = data[pos], a = data[pos + 1], b = data[pos + 2];
 			size_t n = std::min<size_t>(data[pos + 3], size - pos - 4);
@@ -140,6 +342,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 			switch (op & 7) {
 			case 0: packet(r, op, a, b, p, n); break;
 			case 1: {
+				if (a & 0x80) {
+					burst(r, b);
+					break;
+				}
 				std::string dns = fuzz::dns_answer(name(a), server4(b).c_str(), server6(b).c_str(), true);
 				sim::Bytes ip = fuzz::l4(true, fuzz::kResolver, fuzz::kClient, 53, 40001, 0, 0, 0, dns);
 				r.forward(ip, r.wan(), r.br0(), sim::kGatewayMac);
@@ -148,7 +354,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 			case 2: replies(daemon, a, b); break;
 			case 3: kmodel_proc_write(kFiles[a & 3], p, n); break;
 			case 4: r.advance(a == 255 ? 0x80000000u : a * 256u + b); break;
-			case 5: r.conntrack_expire_all(); break;
+			case 5:
+				if (a & 0x80)
+					flow(r, daemon, op, a, b, p, n);
+				else
+					r.conntrack_expire_all();
+				break;
 			case 6:
 				if (b & 1)
 					kmodel_fail_skb_alloc_nth(a % 8 + 1);
@@ -156,6 +367,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 					kmodel_fail_alloc_nth(a % 8 + 1);
 				break;
 			default:
+				if (a & 0x80) {
+					conversation(r, daemon, op, a, b, p, n);
+					break;
+				}
 				r.write_proc("wl_warning_page", (a & 1) ? "1\n" : "0\n");
 				r.write_proc("pcg_proc", (a & 2) ? "1\n" : "0\n");
 			}
@@ -165,6 +380,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 		kmodel_fail_skb_alloc_nth(0);
 		r.unload();
 	}
+done:
 	kmodel_free_all();
 	kmodel_reset();
 	return 0;
