@@ -53,7 +53,8 @@ static void swap_ports(struct tcphdr *th)
 static unsigned int page_len(const struct sk_buff *skb, unsigned int hdrlen, const char *page)
 {
 	unsigned int n = strlen(page);
-	unsigned int room = skb->end - skb->data > hdrlen ? skb->end - skb->data - hdrlen : 0;
+	unsigned int size = skb->end - skb->data;
+	unsigned int room = size > hdrlen ? size - hdrlen : 0;
 
 	return n < room ? n : room;
 }
