@@ -48,24 +48,15 @@ inline nf_hook_ops g_accept_ops[] = {
 	{ {}, accept_all, nullptr, PF_INET6, NF_INET_FORWARD, INT_MIN + 2 },
 };
 
-inline void put16(Bytes &b, uint16_t v) { b.insert(b.end(), { uint8_t(v >> 8), uint8_t(v) }); }
-
-inline void put_name(Bytes &b, const std::string &name)
-{
-	for (size_t start = 0, dot; start <= name.size(); start = dot + 1) {
-		dot = std::min(name.find('.', start), name.size());
-		b.push_back((uint8_t)(dot - start));
-		b.insert(b.end(), name.begin() + start, name.begin() + dot);
-	}
-	b.push_back(0);
-}
+using sim::put16;
+using sim::put_dns_name;
 
 inline Bytes dns_query(uint16_t id, const std::string &name)
 {
 	Bytes b;
 	for (uint16_t v : { id, uint16_t(0x0100), uint16_t(1), uint16_t(0), uint16_t(0), uint16_t(0) })
 		put16(b, v);
-	put_name(b, name);
+	put_dns_name(b, name);
 	put16(b, 1);
 	put16(b, 1);
 	return b;
@@ -79,7 +70,7 @@ inline Bytes dns_cname_response(uint16_t id, const std::string &name, const std:
 	b[2] = 0x81, b[3] = 0x80;
 	b[7] = 5;
 	Bytes target;
-	put_name(target, edge_label);
+	put_dns_name(target, edge_label);
 	target.pop_back(); // continued by a pointer to the question's name
 	uint16_t cname_at = uint16_t(b.size() + 12);
 	for (uint16_t v : { uint16_t(0xc00c), uint16_t(5), uint16_t(1), uint16_t(0), uint16_t(300),

@@ -26,24 +26,13 @@ inline Bytes l4(bool udp, const char *src, const char *dst, uint16_t sport, uint
 		uint32_t seq, uint32_t ack, const std::string &payload)
 {
 	sim::Tcp t;
-	sim::Udp u;
-	t.sport = u.sport = sport;
-	t.dport = u.dport = dport;
+	t.sport = sport;
+	t.dport = dport;
 	t.flags = flags;
 	t.seq = seq;
 	t.ack = ack;
 	t.payload.assign(payload.begin(), payload.end());
-	u.payload = t.payload;
-	if (strchr(src, ':')) {
-		sim::Ip6 ip;
-		ip.src = sim::ip6(src);
-		ip.dst = sim::ip6(dst);
-		return udp ? sim::ip6_udp(ip, u) : sim::ip6_tcp(ip, t);
-	}
-	sim::Ip4 ip;
-	ip.src = sim::ip4(src);
-	ip.dst = sim::ip4(dst);
-	return udp ? sim::ip4_udp(ip, u) : sim::ip4_tcp(ip, t);
+	return sim::l4_packet(udp, src, dst, t);
 }
 
 inline void put16(std::string &b, uint16_t v)

@@ -259,4 +259,34 @@ std::string hex(const Bytes &b)
 	return s;
 }
 
+Bytes l4_packet(bool udp, const char *src, const char *dst, const Tcp &tcp)
+{
+	Udp u;
+	u.sport = tcp.sport;
+	u.dport = tcp.dport;
+	u.payload = tcp.payload;
+	if (strchr(src, ':')) {
+		Ip6 ip;
+		ip.src = ip6(src);
+		ip.dst = ip6(dst);
+		return udp ? ip6_udp(ip, u) : ip6_tcp(ip, tcp);
+	}
+	Ip4 ip;
+	ip.src = ip4(src);
+	ip.dst = ip4(dst);
+	return udp ? ip4_udp(ip, u) : ip4_tcp(ip, tcp);
+}
+
+void put16(Bytes &b, uint16_t v) { b.insert(b.end(), { uint8_t(v >> 8), uint8_t(v) }); }
+
+void put_dns_name(Bytes &b, const std::string &name)
+{
+	for (size_t start = 0, dot; start <= name.size(); start = dot + 1) {
+		dot = std::min(name.find('.', start), name.size());
+		b.push_back((uint8_t)(dot - start));
+		b.insert(b.end(), name.begin() + start, name.begin() + dot);
+	}
+	b.push_back(0);
+}
+
 } // namespace sim

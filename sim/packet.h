@@ -77,6 +77,16 @@ Bytes ip6_udp(const Ip6 &ip, const Udp &udp);
 // A fragment header body: offset in 8-byte units, more-fragments flag, id.
 Bytes frag6_body(uint16_t offset_units, bool more, uint32_t id);
 
+// A TCP segment (ports, flags, sequence numbers and payload from `tcp`)
+// or, with `udp` set, a UDP datagram with the same ports and payload,
+// between addresses given as text: IPv6 when they hold ':'.
+Bytes l4_packet(bool udp, const char *src, const char *dst, const Tcp &tcp);
+
+// DNS wire pieces: a big-endian 16-bit word; a name as length-prefixed
+// labels ending in the root label.
+void put16(Bytes &b, uint16_t v);
+void put_dns_name(Bytes &b, const std::string &name);
+
 // An Ethernet frame around an IP packet (type from the IP version).
 Bytes ether(const Mac &dst, const Mac &src, const Bytes &ip_packet);
 

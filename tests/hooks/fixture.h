@@ -44,21 +44,11 @@ inline Bytes packet(bool udp, const char *src, const char *dst, uint16_t sport, 
 		    const Bytes &payload)
 {
 	sim::Tcp t;
-	sim::Udp u;
-	t.sport = u.sport = sport;
-	t.dport = u.dport = dport;
+	t.sport = sport;
+	t.dport = dport;
 	t.flags = flags;
-	t.payload = u.payload = payload;
-	if (strchr(src, ':')) {
-		sim::Ip6 ip;
-		ip.src = sim::ip6(src);
-		ip.dst = sim::ip6(dst);
-		return udp ? sim::ip6_udp(ip, u) : sim::ip6_tcp(ip, t);
-	}
-	sim::Ip4 ip;
-	ip.src = sim::ip4(src);
-	ip.dst = sim::ip4(dst);
-	return udp ? sim::ip4_udp(ip, u) : sim::ip4_tcp(ip, t);
+	t.payload = payload;
+	return sim::l4_packet(udp, src, dst, t);
 }
 inline Bytes udp(const char *src, const char *dst, uint16_t sport, uint16_t dport, const Bytes &payload)
 {
@@ -149,17 +139,8 @@ inline Bytes expected_redirect(const Conn &before, const std::string &request, c
 }
 
 // ---- DNS messages ----
-inline void put16(Bytes &b, uint16_t v) { b.insert(b.end(), { uint8_t(v >> 8), uint8_t(v) }); }
-
-inline void put_name(Bytes &b, const std::string &name)
-{
-	for (size_t start = 0, dot; start <= name.size(); start = dot + 1) {
-		dot = std::min(name.find('.', start), name.size());
-		b.push_back((uint8_t)(dot - start));
-		b.insert(b.end(), name.begin() + start, name.begin() + dot);
-	}
-	b.push_back(0);
-}
+using sim::put16;
+using sim::put_dns_name;
 
 inline Bytes addr(const char *text)
 {
@@ -175,7 +156,7 @@ inline Bytes dns_query(uint16_t id, const std::string &name, uint16_t qtype = 1,
 	Bytes b;
 	for (uint16_t v : { id, uint16_t(0x0100), uint16_t(1), uint16_t(0), uint16_t(0), uint16_t(0) })
 		put16(b, v);
-	put_name(b, name);
+	put_dns_name(b, name);
 	put16(b, qtype);
 	put16(b, qclass);
 	return b;
