@@ -2,7 +2,7 @@
 // of both families built from the input so that most are well-formed, in
 // any service mode, with control-file writes, daemon replies (malformed
 // ones too), clock jumps across the wrap, conntrack expiry and refused
-// allocations. The table and buffer invariants (fuzz/invariants.h) are
+// allocations. The table and buffer invariants (sim/invariants.h) are
 // checked after every step.
 //
 // Input: a mode byte (bit 0 WP, bit 1 PC; with bits 6 and 7 both set, a
@@ -35,7 +35,7 @@
 #include <vector>
 
 #include "core/rating.h"
-#include "fuzz/invariants.h"
+#include "sim/invariants.h"
 #include "fuzz/populate.h"
 #include "hooks/update_host.h"
 #include "kmodel/host.h"

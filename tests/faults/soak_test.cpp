@@ -21,7 +21,7 @@
 
 #include "hooks/fixture.h"
 
-#include "fuzz/invariants.h"
+#include "sim/invariants.h"
 
 #include "kmodel/host.h"
 #include "kmodel/net.h"

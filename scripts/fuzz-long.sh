@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Long fuzzing run by hand: one target for a number of executions, from its
+# seed corpus, growing a corpus of its own outside the tree.
+#
+#   scripts/fuzz-long.sh TARGET [EXECUTIONS] [WORKDIR]
+#
+# EXECUTIONS defaults to ten million, WORKDIR to /var/tmp/dnshook-fuzz.
+# The run's log ends with libFuzzer's final statistics; findings are written
+# as WORKDIR/TARGET-crash-* (and -leak-, -timeout-, -oom-).
+#
+# AddressSanitizer keeps freed memory out of use for a while to catch use
+# after free. Its default quarantine (256 MB) makes every load of the filter
+# touch fresh pages; 16 MB still outlasts everything one input frees, and
+# runs the loading harnesses about 1.5 times as fast.
+set -euo pipefail
+target=${1:?usage: scripts/fuzz-long.sh TARGET [EXECUTIONS] [WORKDIR]}
+runs=${2:-10000000}
+work=${3:-/var/tmp/dnshook-fuzz}
+root=$(cd "$(dirname "$0")/.." && pwd)
+bin=${FUZZ_BUILD:-$root/build-fuzz}/$target
+[ -x "$bin" ] || { echo "fuzz-long: $bin not built (run make fuzz-build)" >&2; exit 1; }
+mkdir -p "$work/$target"
+seeds=()
+[ -d "$root/fuzz/corpus/$target" ] && seeds+=("$root/fuzz/corpus/$target")
+export ASAN_OPTIONS=${ASAN_OPTIONS:-quarantine_size_mb=16}
+echo "fuzz-long: $target, $runs executions, $(git -C "$root" rev-parse --short HEAD), ASAN_OPTIONS=$ASAN_OPTIONS"
+exec "$bin" -runs="$runs" -max_len=2048 -timeout=10 -rss_limit_mb=4096 -print_final_stats=1 \
+	-artifact_prefix="$work/$target-" "$work/$target" "${seeds[@]}"
