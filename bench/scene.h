@@ -14,6 +14,7 @@
 #include "kmodel/host.h"
 #include "kmodel/net.h"
 #include "linux/netfilter.h"
+#include "sim/conversation.h"
 #include "sim/netlink_peer.h"
 #include "sim/packet.h"
 #include "sim/router.h"
@@ -99,27 +100,12 @@ inline Bytes udp(const char *src, const char *dst, uint16_t sport, uint16_t dpor
 	return sim::ip4_udp(ip, u);
 }
 
-// One TCP connection from the client; sequence numbers follow what is sent.
-struct Conn {
-	uint16_t cport = 40000, sport = 80;
-	const char *server = kServer;
-	uint32_t cseq = 1000, sseq = 5000;
-
-	Bytes packet(bool from_client, uint8_t flags, const std::string &payload = "")
+// One TCP connection from the client to a server.
+struct Conn : sim::Conversation {
+	Conn(uint16_t client_port = 40000, uint16_t server_port = 80, const char *server_addr = kServer)
 	{
-		sim::Ip4 ip;
-		ip.src = sim::ip4(from_client ? kClient : server);
-		ip.dst = sim::ip4(from_client ? server : kClient);
-		sim::Tcp t;
-		t.sport = from_client ? cport : sport;
-		t.dport = from_client ? sport : cport;
-		uint32_t &seq = from_client ? cseq : sseq;
-		t.seq = seq;
-		t.ack = (flags & sim::ACK) ? (from_client ? sseq : cseq) : 0;
-		t.flags = flags;
-		t.payload.assign(payload.begin(), payload.end());
-		seq += payload.size() + ((flags & (sim::SYN | sim::FIN)) ? 1 : 0);
-		return sim::ip4_tcp(ip, t);
+		client = sim::ip4(kClient), server = sim::ip4(server_addr);
+		cport = client_port, sport = server_port;
 	}
 };
 

@@ -29,40 +29,21 @@ namespace {
 const char *const kClient = "192.168.1.10";
 const char *const kResolver = "192.0.2.53";
 
-void put16(sim::Bytes &b, uint16_t v)
-{
-	b.push_back(v >> 8);
-	b.push_back(v & 0xff);
-}
+using sim::put16;
 
 // A query (no answers) or a response with A records.
 sim::Bytes dns_message(uint16_t id, const std::string &name, const std::vector<const char *> &a, bool response)
 {
 	sim::Bytes b;
-	put16(b, id);
-	put16(b, response ? 0x8180 : 0x0100);
-	put16(b, 1);
-	put16(b, response ? a.size() : 0);
-	put16(b, 0);
-	put16(b, 0);
-	size_t start = 0;
-	while (start < name.size()) {
-		size_t dot = name.find('.', start);
-		dot = dot == std::string::npos ? name.size() : dot;
-		b.push_back(dot - start);
-		b.insert(b.end(), name.begin() + start, name.begin() + dot);
-		start = dot + 1;
-	}
-	b.push_back(0);
-	put16(b, 1);
-	put16(b, 1);
-	for (size_t i = 0; response && i < a.size(); i++) {
-		put16(b, 0xc00c);
-		put16(b, 1);
-		put16(b, 1);
-		put16(b, 0);
-		put16(b, 300);
-		put16(b, 4);
+	uint16_t answers = uint16_t(response ? a.size() : 0);
+	for (uint16_t v : { id, uint16_t(response ? 0x8180 : 0x0100), uint16_t(1), answers, uint16_t(0), uint16_t(0) })
+		put16(b, v);
+	sim::put_dns_name(b, name);
+	put16(b, 1); // type A
+	put16(b, 1); // class IN
+	for (size_t i = 0; i < answers; i++) {
+		for (uint16_t v : { 0xc00c, 1, 1, 0, 300, 4 }) // owner, A, IN, TTL, length
+			put16(b, v);
 		uint32_t v = sim::ip4(a[i]);
 		b.insert(b.end(), (uint8_t *)&v, (uint8_t *)&v + 4);
 	}

@@ -11,6 +11,7 @@
 #include "core/rating.h"
 #include "kmodel/host.h"
 #include "kmodel/net.h"
+#include "sim/conversation.h"
 #include "sim/netlink_peer.h"
 #include "sim/packet.h"
 #include "sim/router.h"
@@ -56,25 +57,15 @@ std::string describe(const sim::Bytes &ip)
 struct Demo {
 	sim::Router r;
 	sim::NetlinkPeer daemon;
-	uint16_t cport = 50000;
-	uint32_t cseq = 1000, sseq = 5000;
+	sim::Conversation c = conversation(50000, 1000, 5000);
 	uint32_t redirect_end = 0; // what a client that got the redirect acknowledges
 
-	sim::Bytes packet(bool from_client, uint8_t flags, const std::string &payload = "")
+	static sim::Conversation conversation(uint16_t cport, uint32_t cseq, uint32_t sseq)
 	{
-		sim::Ip4 ip;
-		ip.src = from_client ? kClient : sim::ip4("93.184.216.34");
-		ip.dst = from_client ? sim::ip4("93.184.216.34") : kClient;
-		sim::Tcp t;
-		uint32_t &seq = from_client ? cseq : sseq;
-		t.sport = from_client ? cport : 80;
-		t.dport = from_client ? 80 : cport;
-		t.seq = seq;
-		t.ack = (flags & sim::ACK) ? (from_client ? sseq : cseq) : 0;
-		t.flags = flags;
-		t.payload.assign(payload.begin(), payload.end());
-		seq += payload.size() + ((flags & (sim::SYN | sim::FIN)) ? 1 : 0);
-		return sim::ip4_tcp(ip, t);
+		sim::Conversation c;
+		c.client = kClient, c.server = sim::ip4("93.184.216.34");
+		c.cport = cport, c.cseq = cseq, c.sseq = sseq;
+		return c;
 	}
 
 	// The filter's own packets, one line each.
@@ -98,7 +89,7 @@ struct Demo {
 
 	void send(bool from_client, uint8_t flags, const std::string &payload = "")
 	{
-		sim::Bytes p = packet(from_client, flags, payload);
+		sim::Bytes p = c.packet(from_client, flags, payload);
 		sim::Verdict v = from_client ? r.forward(p, r.br0(), r.wan())
 					     : r.forward(p, r.wan(), r.br0(), sim::kGatewayMac);
 		printf("  %-16s  %-8s  %s\n", from_client ? "client -> server" : "server -> client",
@@ -146,9 +137,9 @@ struct Demo {
 		send(false, sim::ACK | sim::PSH, "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello");
 		// The client acknowledges the redirect and closes; the filter
 		// plays the server's part.
-		sseq = redirect_end;
+		c.sseq = redirect_end;
 		send(true, sim::ACK);
-		sseq++; // the filter's FIN
+		c.sseq++; // the filter's FIN
 		send(true, sim::ACK);
 		send(true, sim::FIN | sim::ACK);
 	}
@@ -172,9 +163,7 @@ void demo_http(void)
 	d.visit("www.example.com", PASS);
 
 	printf("\n# games.example.net: blocked\n");
-	d.cport = 50001;
-	d.cseq = 2000;
-	d.sseq = 9000;
+	d.c = Demo::conversation(50001, 2000, 9000);
 	d.visit("games.example.net", BLOCK);
 
 	kmodel_log_echo(false);

@@ -17,6 +17,7 @@
 #include "kmodel/net.h"
 #include "linux/list.h"
 #include "linux/netfilter.h"
+#include "sim/conversation.h"
 #include "sim/netlink_peer.h"
 #include "sim/packet.h"
 #include "sim/pcap.h"
@@ -60,53 +61,29 @@ inline Bytes tcp(const char *src, const char *dst, uint16_t sport, uint16_t dpor
 	return packet(false, src, dst, sport, dport, flags, payload);
 }
 
-// One TCP connection; each side's sequence number moves with what it sends.
-struct Conn {
-	bool v6 = false;
-	uint32_t client = sim::ip4(kClient), server = sim::ip4(kServer);
-	sim::Addr6 client6 = kClient6, server6 = kServer6;
-	uint16_t cport = 40000, sport = 80;
-	uint32_t cseq = 0xfffffff0, sseq = 0x10000000; // the client's wraps
-
-	Bytes packet(bool from_client, uint8_t flags, const std::string &payload);
-	Bytes up(uint8_t flags, const std::string &payload = "") { return packet(true, flags, payload); }
-	Bytes down(uint8_t flags, const std::string &payload = "") { return packet(false, flags, payload); }
+// One TCP connection between the first client and the server; the
+// client's sequence number wraps early in the conversation.
+struct Conn : sim::Conversation {
+	Conn()
+	{
+		client = sim::ip4(kClient), server = sim::ip4(kServer);
+		client6 = kClient6, server6 = kServer6;
+		cseq = 0xfffffff0, sseq = 0x10000000;
+	}
 };
 
-// A segment of the connection. Forged ones, built independently of the
-// filter, carry TTL 255, identification 0 and DF over IPv4, except that
-// the block page goes without DF.
-inline Bytes segment(const Conn &c, bool from_client, uint8_t flags, uint32_t seq, uint32_t ack,
-		     const std::string &payload, uint16_t window = 29200, bool forged = false)
+// A segment the filter forged, built independently of it: TTL 255,
+// identification 0 and DF over IPv4, except that the block page goes
+// without DF.
+inline Bytes forged(const Conn &c, bool to_client, uint8_t flags, uint32_t seq, uint32_t ack,
+		    const std::string &payload = "", uint16_t window = 29200)
 {
 	sim::Tcp t;
-	t.sport = from_client ? c.cport : c.sport;
-	t.dport = from_client ? c.sport : c.cport;
-	t.seq = seq;
-	t.ack = ack;
-	t.flags = flags;
-	t.window = window;
+	t.seq = seq, t.ack = ack, t.flags = flags, t.window = window;
 	t.payload.assign(payload.begin(), payload.end());
-	if (c.v6) {
-		sim::Ip6 ip;
-		ip.src = from_client ? c.client6 : c.server6;
-		ip.dst = from_client ? c.server6 : c.client6;
-		return sim::ip6_tcp(ip, t);
-	}
 	sim::Ip4 ip;
-	ip.src = from_client ? c.client : c.server;
-	ip.dst = from_client ? c.server : c.client;
-	if (forged)
-		ip.ttl = 255, ip.id = 0, ip.frag = payload.empty() ? 0x4000 : 0;
-	return sim::ip4_tcp(ip, t);
-}
-
-inline Bytes Conn::packet(bool from_client, uint8_t flags, const std::string &payload)
-{
-	uint32_t &seq = from_client ? cseq : sseq;
-	Bytes p = segment(*this, from_client, flags, seq, (flags & sim::ACK) ? (from_client ? sseq : cseq) : 0, payload);
-	seq += payload.size() + ((flags & (sim::SYN | sim::FIN)) ? 1 : 0);
-	return p;
+	ip.ttl = 255, ip.id = 0, ip.frag = payload.empty() ? 0x4000 : 0;
+	return c.segment(!to_client, t, ip);
 }
 
 inline Conn conn(uint16_t cport, bool v6 = false)
@@ -124,7 +101,7 @@ inline std::string get_request(const std::string &host, const std::string &path 
 
 inline Bytes expected_bare(const Conn &c, bool to_client, uint8_t flags, uint32_t seq, uint32_t ack)
 {
-	return segment(c, !to_client, flags, seq, ack, "", 29200, true);
+	return forged(c, to_client, flags, seq, ack);
 }
 
 // The redirect for a request segment: server to client, sequence = the
@@ -132,10 +109,10 @@ inline Bytes expected_bare(const Conn &c, bool to_client, uint8_t flags, uint32_
 // PSH+ACK, window bytes 0xFF 0x7F.
 inline Bytes expected_redirect(const Conn &before, const std::string &request, const char *url)
 {
-	return segment(before, false, sim::PSH | sim::ACK, before.sseq, before.cseq + request.size(),
-		       std::string("HTTP/1.1 302 Found\r\nLocation: ") + url +
-			       "\r\nContent-Length: 0\r\nContent-Type: text/html\r\n\r\n",
-		       0xff7f, true);
+	return forged(before, true, sim::PSH | sim::ACK, before.sseq, before.cseq + request.size(),
+		      std::string("HTTP/1.1 302 Found\r\nLocation: ") + url +
+			      "\r\nContent-Length: 0\r\nContent-Type: text/html\r\n\r\n",
+		      0xff7f);
 }
 
 // ---- DNS messages ----
