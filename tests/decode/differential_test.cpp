@@ -1,6 +1,8 @@
 // The fast decoders against the earlier byte-by-byte ones (reference.cpp)
-// on random variations of real and built messages: the same result and
-// every byte of the record the same, whatever the input.
+// on hand-built corner cases (header checks, name case and lengths,
+// compression pointers, answer slots, request lines), on every shorter
+// length of them, and on random variations of those and of real messages:
+// the same result and every byte of the record the same, whatever the input.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -9,11 +11,113 @@
 #include <vector>
 
 #include "decode/reference.h"
+#include "sim/packet.h"
 #include "sim/pcap.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+
+struct Msg {
+	Bytes b;
+
+	Msg &u8(unsigned v) { b.push_back((uint8_t)v); return *this; }
+	Msg &u16(unsigned v) { return u8(v >> 8).u8(v & 0xff); }
+	Msg &raw(const std::string &s) { b.insert(b.end(), s.begin(), s.end()); return *this; }
+	Msg &name(const std::string &dotted) // labels, then the root label
+	{
+		for (size_t start = 0, dot; start < dotted.size(); start = dot + 1) {
+			dot = std::min(dotted.find('.', start), dotted.size());
+			u8(dot - start).raw(dotted.substr(start, dot - start));
+		}
+		return u8(0);
+	}
+	Msg &ptr(unsigned off) { return u16(0xc000 | off); }
+	Msg &question(const std::string &n, unsigned type = 1, unsigned klass = 1) { return name(n).u16(type).u16(klass); }
+	Msg &rr(unsigned type, unsigned klass, const Bytes &rdata) // owner: the question
+	{
+		ptr(12).u16(type).u16(klass).u16(0).u16(300).u16(rdata.size());
+		b.insert(b.end(), rdata.begin(), rdata.end());
+		return *this;
+	}
+};
+
+const unsigned kQuery = 0x0100, kResponse = 0x8180;
+const Bytes kV4 = { 10, 53, 1, 10 };
+const Bytes kV6 = { 0xfd, 0, 0, 0x53, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x10 };
+
+Msg msg(unsigned flags, unsigned qd, unsigned an)
+{
+	Msg m;
+	return m.u16(0x1234).u16(flags).u16(qd).u16(an).u16(0).u16(0);
+}
+
+// Messages at the decoder's limits, one concern each.
+std::vector<Bytes> dns_corners()
+{
+	std::vector<Msg> m;
+	// Header checks: opcode, question count, answer count 29/30/257, rcode.
+	struct { unsigned flags, qd, an; } heads[] = {
+		{ kQuery, 1, 0 }, { kQuery | 0x0800, 1, 0 }, { kQuery | 0x1000, 1, 0 }, { kQuery, 0, 0 }, { kQuery, 2, 0 },
+		{ kQuery | 0x0003, 1, 50 }, { kQuery | 0x07b0, 1, 0 }, { kResponse, 1, 0 }, { kResponse, 1, 29 },
+		{ kResponse, 1, 30 }, { kResponse, 1, 0x101 }, { kResponse | 3, 1, 1 }, { kResponse | 0x0800, 1, 1 },
+	};
+	for (auto &h : heads) {
+		m.push_back(msg(h.flags, h.qd, h.an).question("a.test"));
+		for (int i = 0; i < 30; i++)
+			m.back().rr(1, 1, kV4);
+	}
+	m.push_back(msg(kQuery, 1, 0));
+	m.push_back(msg(kQuery, 1, 0).u8(0));
+	// Names: case folding over every byte (Latin-1 capitals too), class CH,
+	// 254 and 255 characters, long plain labels, a label starting with NUL.
+	std::string label;
+	for (int c = 2; c < 256; c++)
+		if (c != '.')
+			label += (char)c;
+	m.push_back(msg(kQuery, 1, 7).question("WwW.ExAmPlE.TeSt"));
+	m.push_back(msg(kQuery, 1, 0).u8(126).raw(label.substr(0, 126)).u8(127).raw(label.substr(126)).u8(0).u16(1).u16(1));
+	m.push_back(msg(kResponse, 1, 1).question("version.bind", 16, 3).rr(16, 3, { 4, 't', 'e', 's', 't' }));
+	std::string n254 = std::string(63, 'a') + "." + std::string(63, 'b') + "." + std::string(63, 'c') + "." +
+			   std::string(62, 'd');
+	m.push_back(msg(kQuery, 1, 0).question(n254));
+	m.push_back(msg(kQuery, 1, 0).question(n254 + "d"));
+	m.push_back(msg(kQuery, 1, 0).question(std::string(0x50, 'x') + "." + std::string(191 - 0x50 - 1, 'y')));
+	m.push_back(msg(kQuery, 1, 0).question(std::string(191, 'z')));
+	m.push_back(msg(kQuery, 1, 0).u8(2).u8(0).u8('a').u8(0).u16(1).u16(1));
+	// Pointers: to itself, chains of 255 and 256, after labels, at the end.
+	m.push_back(msg(kQuery, 1, 0).ptr(12).u16(1).u16(1));
+	for (int n : { 255, 256 }) {
+		m.push_back(msg(kQuery, 1, 0));
+		for (int i = 0; i < n; i++)
+			m.back().ptr(12 + 2 * (i + 1));
+		m.back().question("end.test");
+	}
+	Msg target;
+	target.name("Example.test");
+	m.push_back(msg(kResponse, 1, 1).u8(3).raw("WWW").ptr(34).u16(1).u16(1).rr(5, 1, target.b));
+	m.push_back(msg(kQuery, 1, 0).ptr(15).u8(0));
+	// Answer slots: CNAME then A and AAAA; wrong sizes and classes; 29
+	// answers; an RDLENGTH past the end; fewer records than counted; a
+	// question name ending in a pointer into an answer's RDATA.
+	m.push_back(msg(kResponse, 1, 4).question("alias.test").rr(5, 1, { 3, 'w', 'w', 'w', 0xc0, 12 }));
+	m.back().rr(1, 1, kV4).rr(1, 1, { 10, 53, 1, 11 }).rr(28, 1, kV6);
+	m.push_back(msg(kResponse, 1, 5).question("s.test").rr(1, 1, kV6).rr(28, 1, kV4).rr(1, 3, kV4).rr(28, 255, kV6));
+	m.back().rr(28, 1, kV6);
+	m.push_back(msg(kResponse, 1, 29).question("many.test"));
+	for (int i = 0; i < 29; i++)
+		m.back().rr(1, 1, { 10, 0, 0, (uint8_t)i });
+	m.push_back(msg(kResponse, 1, 2).question("p.test").rr(1, 1, kV4).ptr(12).u16(1).u16(1).u16(0).u16(1).u16(4).u8(1));
+	m.push_back(msg(kResponse, 1, 3).question("h.test").rr(1, 1, kV4).rr(28, 1, kV6));
+	m.push_back(msg(kResponse, 1, 2).u8(1).u8('q').ptr(48).u16(1).u16(1).rr(1, 1, kV4));
+	m.back().rr(5, 1, { 4, 't', 'e', 's', 't', 0 });
+	m.push_back(msg(kResponse, 1, 3).question("cut.example.test").rr(5, 1, { 1, 'x', 0xc0, 12 }).rr(1, 1, kV4));
+	m.back().rr(28, 1, kV6);
+	std::vector<Bytes> out;
+	for (const Msg &x : m)
+		out.push_back(x.b);
+	return out;
+}
 
 // DNS payloads of the capture (Ethernet, IPv4 and IPv6, UDP).
 std::vector<Bytes> dns_seeds()
@@ -44,6 +148,8 @@ std::vector<Bytes> dns_seeds()
 		}
 		out.push_back(m);
 	}
+	for (const Bytes &c : dns_corners())
+		out.push_back(c);
 	return out;
 }
 
@@ -93,52 +199,122 @@ std::string random_request(std::mt19937 &rng)
 	return s;
 }
 
+// Both DNS decoders on the first len bytes of buf; buf holds room behind
+// the message, as the first name byte is read unbounded.
+int dns_agree(const Bytes &buf, int len, const std::string &what)
+{
+	dns_info want, got;
+	memset(&want, 0x5a, sizeof(want));
+	memset(&got, 0x5a, sizeof(got));
+	int rw = reference::old_decode_dns(buf.data(), len, &want);
+	int rg = decode_dns(buf.data(), len, &got);
+	EXPECT_EQ(rw, rg) << what;
+	EXPECT_EQ(0, memcmp(&want, &got, sizeof(want))) << what << ": records differ";
+	return rw != rg || memcmp(&want, &got, sizeof(want)) ? -100 : rg;
+}
+
+// Both HTTP decoders on the text in a zero-filled 2048-byte buffer.
+int http_agree(const std::string &req, int len, const std::string &what)
+{
+	char buf[2048] = {};
+	memcpy(buf, req.data(), std::min(req.size(), sizeof(buf) - 1));
+	http_info want, got;
+	memset(&want, 0x5a, sizeof(want));
+	memset(&got, 0x5a, sizeof(got));
+	int rw = reference::old_decode_http(buf, len, &want);
+	int rg = decode_http(buf, len, &got);
+	EXPECT_EQ(std::string(buf, std::min(req.size(), sizeof(buf) - 1)), req.substr(0, sizeof(buf) - 1))
+		<< "input modified";
+	EXPECT_EQ(rw, rg) << what << ": " << testing::PrintToString(req);
+	EXPECT_EQ(0, memcmp(&want, &got, sizeof(want))) << what << ": " << testing::PrintToString(req);
+	return rw != rg || memcmp(&want, &got, sizeof(want)) ? -100 : rg;
+}
+
+// Requests at the decoder's corners: methods, lengths short of the text,
+// line ends, NULs, the exact "Host: " at a line start, pipelining where
+// later lines win, body lines, the byte after a carriage return, and
+// fields around the 255-character cut.
+std::vector<std::pair<std::string, int>> http_corners()
+{
+	const std::string cut = "GET /big HTTP/1.1\r\nHost: h\r\n\r\n" + std::string(20, 'p') + "\r\n\r\n";
+	const std::string body = "POST /f HTTP/1.1\r\nHost: real\r\n\r\nHost: body\r\nPUT /in-body\r\n";
+	std::vector<std::pair<std::string, int>> c = {
+		{ "GET /index.html HTTP/1.1\r\nHost: www.example.test\r\nAccept: */*\r\n\r\n", 0 },
+		{ "PUT /p HTTP/1.1\r\nHost: h\r\n\r\n", 0 }, { "HEAD /h HTTP/1.1\r\nHost: h\r\n\r\n", 0 },
+		{ "POST /f HTTP/1.1\r\nHost: h\r\n\r\nbody", 0 }, { "GET / HTTP/1.1\r\n\r\n", 0 },
+		{ "GET / HTTP/1.1\r\n\r\n", 17 }, { "GET / HTTP/1.1\r\n\r\n", -7 },
+		{ "OPTIONS / HTTP/1.1\r\nHost: h\r\n\r\n", 0 }, { "get / HTTP/1.1\r\nHost: h\r\n\r\n", 0 },
+		{ " GET / HTTP/1.1\r\nHost: h\r\n\r\n", 0 }, { "GET / HTTP/1.1\r\nHost: www.example.test\r\n", 0 },
+		{ "GET / HTTP/1.1\nHost: www.example.test\n\n", 0 },
+		{ std::string("GET / HTTP/1.1\r\nHost: a\0b\r\n\r\n", 30), 0 },
+		{ "GET /nohost HTTP/1.1\r\nAccept: */*\r\n\r\n", 0 },
+		{ "GET / HTTP/1.1\r\nHost: WWW.Example.test:8080  \r\n\r\n", 0 },
+		{ "GET / HTTP/1.1\r\nHost: \r\n\r\n", 0 },
+		{ "GET http://proxied.test/a?b=c HTTP/1.1\r\nHost: other.test\r\n\r\n", 0 },
+		{ "GET  /x HTTP/1.1\r\nHost: h.test\r\n\r\n", 0 }, { "GET /no-version\r\nHost: h.test\r\n\r\n", 0 },
+		{ "GET / HTTP/1.1\r\nhost: h\r\nHOST: h\r\nHost:h\r\n Host: h\r\nX-Host: h\r\n\r\n", 0 },
+		{ "GET /1 HTTP/1.1\r\nHost: one\r\n\r\nGET /2 HTTP/1.1\r\nHost: two\r\n\r\n", 0 },
+		{ "GET /1 HTTP/1.1\r\nHost: one\r\n\r\nHEAD /2 HTTP/1.1\r\n\r\n", 0 }, { body, 0 }, { body, 34 },
+		{ "GET Host: odd.test HTTP/1.1\r\n\r\n", 0 }, { "GET /a HTTP/1.1\rXHost: x.test\r\n\r\n", 0 },
+		{ cut.substr(0, cut.size() - 3), 5000 },
+		{ "GET /" + std::string(100, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\nGET /b\r\n", 0 },
+	};
+	for (size_t n : { 254u, 255u, 256u, 300u, 1500u })
+		c.push_back({ "GET /" + std::string(n - 1, 'u') + " HTTP/1.1\r\nHost: " + std::string(n, 'h') + "\r\n\r\n", 0 });
+	return c;
+}
+
 } // namespace
 
 TEST(DecoderDifferential, DnsAgreesWithTheByteByByteDecoder)
 {
+	// Every corner case at every length, the whole message behind.
+	int results[2] = {};
+	for (const Bytes &m : dns_corners()) {
+		Bytes buf = m;
+		buf.resize(m.size() + 16, 0xee);
+		for (int len = int(m.size()); len >= 0; len--)
+			ASSERT_NE(-100, dns_agree(buf, len, "corner " + sim::hex(m) + " at " + std::to_string(len)));
+		results[dns_agree(buf, int(m.size()), "") == 0]++;
+	}
+	EXPECT_GT(results[0], 10);
+	EXPECT_GT(results[1], 10);
+
 	std::vector<Bytes> seeds = dns_seeds();
-	ASSERT_FALSE(seeds.empty()) << "tests/data/dns.pcap missing";
+	ASSERT_GT(seeds.size(), dns_corners().size()) << "tests/data/dns.pcap missing";
 	std::mt19937 rng(16);
 	int accepted = 0;
 	for (int i = 0; i < 60000; i++) {
 		Bytes m = seeds[rng() % seeds.size()];
 		for (int k = rng() % 4; k >= 0; k--)
 			mutate(m, rng);
-		// Room behind the message: the first name byte is read unbounded.
 		Bytes buf = m;
 		buf.resize(m.size() + 16, 0xee);
-		dns_info want, got;
-		memset(&want, 0x5a, sizeof(want));
-		memset(&got, 0x5a, sizeof(got));
-		int rw = reference::old_decode_dns(buf.data(), int(m.size()), &want);
-		int rg = decode_dns(buf.data(), int(m.size()), &got);
-		ASSERT_EQ(rw, rg) << "message " << i << " of " << m.size() << " bytes";
-		ASSERT_EQ(0, memcmp(&want, &got, sizeof(want))) << "message " << i << ": records differ";
-		accepted += rg == 0;
+		int r = dns_agree(buf, int(m.size()), "message " + std::to_string(i));
+		ASSERT_NE(-100, r);
+		accepted += r == 0;
 	}
 	EXPECT_GT(accepted, 10000) << "the variations should mostly stay decodable";
 }
 
 TEST(DecoderDifferential, HttpAgreesWithTheByteByByteDecoder)
 {
-	std::mt19937 rng(16);
 	int results[5] = {};
+	for (const auto &[req, len] : http_corners()) {
+		int full = len ? len : int(req.size());
+		ASSERT_NE(-100, http_agree(req, full, "corner"));
+		for (int l = std::min(full, int(req.size())) - 1; l >= 0; l--)
+			ASSERT_NE(-100, http_agree(req, l, "corner cut at " + std::to_string(l)));
+	}
+	std::mt19937 rng(16);
 	for (int i = 0; i < 60000; i++) {
 		std::string req = random_request(rng);
-		char buf[2048] = {};
-		memcpy(buf, req.data(), std::min(req.size(), sizeof(buf) - 1));
-		int len = int(std::min(req.size(), sizeof(buf) - 1));
+		int len = int(std::min(req.size(), size_t(2047)));
 		if (rng() % 8 == 0)
 			len = int(rng() % (len + 1)); // a length short of the text
-		http_info want, got;
-		memset(&want, 0x5a, sizeof(want));
-		memset(&got, 0x5a, sizeof(got));
-		int rw = reference::old_decode_http(buf, len, &want);
-		int rg = decode_http(buf, len, &got);
-		ASSERT_EQ(rw, rg) << "request " << i << ": " << testing::PrintToString(req);
-		ASSERT_EQ(0, memcmp(&want, &got, sizeof(want))) << "request " << i << ": " << testing::PrintToString(req);
-		results[-rg]++;
+		int r = http_agree(req, len, "request " + std::to_string(i));
+		ASSERT_NE(-100, r);
+		results[-r]++;
 	}
 	for (int r = 0; r < 5; r++)
 		EXPECT_GT(results[r], 100) << "result " << -r << " too rare to judge";
