@@ -103,16 +103,6 @@ TEST(HttpTableInit, LayoutLogAndFailures)
 	}
 }
 
-TEST_F(HttpTable, FullTableTakesARecordInRatingSilently)
-{
-	for (int i = 0; i < 100; i++)
-		add(client(i))->state = i ? STATE_SYN_RCVD : STATE_RATING;
-	Pkt4 c0 = client(0), extra = client(100);
-	EXPECT_EQ(0, add(extra)->slot);
-	EXPECT_EQ(nullptr, tcp_find(&c0.ip, &c0.th));
-	EXPECT_TRUE(kmodel_log().empty());
-}
-
 TEST_F(HttpTable, OneSweepDeadlineServesBothTables)
 {
 	Pkt6 old6 = client6(0), new6 = client6(1), third = client6(2);

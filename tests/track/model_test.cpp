@@ -1,6 +1,7 @@
 // The tables against a deliberately simple model (std::deque and std::list
 // standing for the free list, the bucket chains and the age list) on random
-// operation sequences, with the slot invariant checked after every step.
+// operation sequences, with the slot invariant checked after every step;
+// the operations log nothing and allocate nothing.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -189,6 +190,8 @@ template <class R> void follow_model(const Table<R> &t, unsigned seed)
 	SCOPED_TRACE(t.name);
 	kmodel_reset();
 	ASSERT_EQ(0, t.init());
+	kmodel_log_clear();
+	const kmodel_alloc_stats before = kmodel_alloc_stats_get();
 	Model m(t.timeout);
 	std::mt19937 rng(seed);
 	u32 start = jiffies;
@@ -235,6 +238,10 @@ template <class R> void follow_model(const Table<R> &t, unsigned seed)
 	EXPECT_GT(hits, finds / 5);
 	EXPECT_GT(evictions, 10);
 	EXPECT_TRUE(!t.keeps || kept_survivals > 20) << kept_survivals;
+	// Evictions are silent, and the tables allocate nothing after init.
+	EXPECT_TRUE(kmodel_log().empty());
+	EXPECT_EQ(before.total_allocs, kmodel_alloc_stats_get().total_allocs);
+	EXPECT_EQ(before.live_blocks, kmodel_alloc_stats_get().live_blocks);
 	t.fini();
 }
 
