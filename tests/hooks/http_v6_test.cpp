@@ -60,55 +60,6 @@ TEST_F(HookTest, HttpIpv6RequestCollectedAcrossSegmentsAndPassed)
 	EXPECT_EQ(0, kmodel_skb_stats_get().live);
 }
 
-// BLOCK over IPv6: the dispatcher's client ACK is the IPv4 one and fails;
-// the redirect goes out. The hook then closes the connection, and its last
-// ACK does not count the FIN.
-TEST_F(HookTest, HttpIpv6BlockAndClosingHandshake)
-{
-	services(true, false);
-	Conn c = conn(40000, true);
-	handshake(c);
-	std::string req = get_request("six.example");
-	Conn before = c;
-	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, req)).accepted());
-	auto reqs = requests();
-	ASSERT_EQ(1u, reqs.size());
-	EXPECT_EQ(uint32_t(RATING_WP_REQUEST), reqs[0].service);
-	kmodel_log_clear();
-	r.clear_sent();
-
-	reply(reqs[0], BLOCK, kBlockUrl);
-	EXPECT_EQ(std::vector<Bytes>{ expected_redirect(before, req, kBlockUrl) }, to_client())
-		<< "no ACK: ack_client refuses the IPv6 packet";
-	ASSERT_GE(kmodel_log().size(), 1u);
-	EXPECT_EQ("<7>[rebuild_packet]: Invalid IP header\n", kmodel_log()[0]);
-	EXPECT_EQ(STATE_REDIRECT, record(c)->state);
-
-	r.clear_sent();
-	kmodel_log_clear();
-	Conn at_ack = c;
-	EXPECT_FALSE(up(c.up(sim::ACK)).accepted());
-	EXPECT_EQ(std::vector<Bytes>{ expected_bare(at_ack, true, sim::FIN | sim::ACK, at_ack.sseq, at_ack.cseq) },
-		  to_client());
-	c.sseq++;
-	EXPECT_TRUE(down(c.down(sim::ACK)).accepted()) << "server passes in FIN_WAIT1";
-	EXPECT_FALSE(up(c.up(sim::ACK)).accepted());
-	EXPECT_EQ(STATE_FIN_WAIT2, record(c)->state);
-
-	r.clear_sent();
-	size_t free6 = free_slots(tcp_table6);
-	Conn at_fin = c;
-	EXPECT_FALSE(up(c.up(sim::FIN | sim::ACK)).accepted());
-	EXPECT_EQ(std::vector<Bytes>{ expected_bare(at_fin, true, sim::ACK, at_fin.sseq, at_fin.cseq) }, to_client())
-		<< "acknowledges the FIN's own sequence number";
-	EXPECT_EQ(free6 + 1, free_slots(tcp_table6));
-	EXPECT_EQ((Lines{ kFn + "tcphoff = 40 \n", kFn + "STATE_REDIRECT:\n", kFn + "tcphoff = 40 \n",
-			  kFn + "STATE_FIN_WAIT1:\n", kFn + "tcphoff = 40 \n", kFn + "STATE_FIN_WAIT1:\n",
-			  kFn + "tcphoff = 40 \n", kFn + "STATE_FIN_WAIT2:\n" }),
-		  kmodel_log());
-	EXPECT_EQ(0, kmodel_skb_stats_get().live);
-}
-
 // PC only, a time-blocked device, an undecodable request: the record goes
 // to STATE_BLOCK, the server is answered with an ACK and the device's next
 // segment gets the block page.
