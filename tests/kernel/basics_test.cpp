@@ -1,5 +1,6 @@
 // The model's plain parts: character classes, string compares, strtoul,
-// user copies, the allocator, ticks, lists and the netfilter walk.
+// user copies, the allocator and the netfilter walk. Ticks across the wrap
+// and the lists are followed by the table model test.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,7 +8,6 @@
 
 #include "kmodel/host.h"
 #include "linux/ctype.h"
-#include "linux/jiffies.h"
 #include "linux/kernel.h"
 #include "linux/list.h"
 #include "linux/netfilter.h"
@@ -97,49 +97,6 @@ TEST(KernelSlab, AccountingAndInjectedFailures)
 	EXPECT_EQ(0, kmodel_alloc_stats_get().live_blocks);
 	EXPECT_FALSE(kmodel_is_live(a));
 	EXPECT_DEATH(kfree(a), "double free");
-}
-
-TEST(KernelJiffies, ComparisonsSurviveTheWrap)
-{
-	kmodel_reset();
-	EXPECT_EQ((u32)-30000, jiffies); // boots 300 s before the wrap
-	u32 deadline = jiffies + 60000;  // past the wrap
-	EXPECT_LT(deadline, jiffies);
-	EXPECT_TRUE(time_before(jiffies, deadline));
-	kmodel_advance_jiffies(60000);
-	EXPECT_TRUE(time_after_eq(jiffies, deadline));
-	EXPECT_FALSE(time_after(jiffies, deadline));
-	kmodel_advance_jiffies(1);
-	EXPECT_TRUE(time_after(jiffies, deadline));
-}
-
-struct item {
-	int v;
-	struct list_head link;
-};
-
-TEST(KernelList, OrderDeletionAndPoison)
-{
-	LIST_HEAD(head);
-	item a{ 1, {} }, b{ 2, {} }, c{ 3, {} };
-	list_add_tail(&a.link, &head);
-	list_add_tail(&b.link, &head);
-	list_add(&c.link, &head); // at the head
-	std::vector<int> seen;
-	item *it, *n;
-	list_for_each_entry(it, &head, link)
-		seen.push_back(it->v);
-	EXPECT_EQ((std::vector<int>{ 3, 1, 2 }), seen);
-	list_move_tail(&c.link, &head);
-	seen.clear();
-	list_for_each_entry_safe(it, n, &head, link) {
-		seen.push_back(it->v);
-		list_del(&it->link);
-	}
-	EXPECT_EQ((std::vector<int>{ 1, 2, 3 }), seen);
-	EXPECT_TRUE(list_empty(&head));
-	EXPECT_EQ(LIST_POISON1, a.link.next);
-	EXPECT_EQ(LIST_POISON2, a.link.prev);
 }
 
 std::vector<int> g_calls;
