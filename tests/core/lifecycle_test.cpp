@@ -181,25 +181,6 @@ TEST(Lifecycle, EachAllocationFailingStopsTheLoad)
 		  failed_steps);
 }
 
-TEST(Lifecycle, DnsTableFailureKeepsTheHttpTables)
-{
-	// The load's allocations up to the DNS table: lists, then the HTTP tables.
-	long before_dns;
-	{
-		sim::Router r;
-		kmodel_fail_alloc_flags(GFP_ATOMIC); // harmless: the load uses GFP_KERNEL
-		for (before_dns = 1;; before_dns++) {
-			kmodel_reset();
-			kmodel_fail_alloc_nth(before_dns);
-			if (init_module() == -14 && kmodel_log().back() == "<3>[init]: dns_init fail\n")
-				break;
-			ASSERT_LT(before_dns, 1000);
-		}
-		EXPECT_EQ("<6>[init]: tcp_init ok\n", kmodel_log()[kmodel_log().size() - 3]);
-		EXPECT_EQ(before_dns - 1, kmodel_alloc_stats_get().live_blocks);
-	}
-}
-
 TEST(Lifecycle, RegistrationFailuresLeaveEarlierHooks)
 {
 	const char *lines[] = {
