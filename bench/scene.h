@@ -52,16 +52,7 @@ inline nf_hook_ops g_accept_ops[] = {
 using sim::put16;
 using sim::put_dns_name;
 
-inline Bytes dns_query(uint16_t id, const std::string &name)
-{
-	Bytes b;
-	for (uint16_t v : { id, uint16_t(0x0100), uint16_t(1), uint16_t(0), uint16_t(0), uint16_t(0) })
-		put16(b, v);
-	put_dns_name(b, name);
-	put16(b, 1);
-	put16(b, 1);
-	return b;
-}
+using sim::dns_query;
 
 // A browser's view of a CDN name: the question, a CNAME to the edge name
 // (compressed against the question) and four A records of the edge name.

@@ -289,4 +289,40 @@ void put_dns_name(Bytes &b, const std::string &name)
 	b.push_back(0);
 }
 
+Bytes dns_query(uint16_t id, const std::string &name, uint16_t qtype, uint16_t qclass)
+{
+	Bytes b;
+	for (uint16_t v : { id, uint16_t(0x0100), uint16_t(1), uint16_t(0), uint16_t(0), uint16_t(0) })
+		put16(b, v);
+	put_dns_name(b, name);
+	put16(b, qtype);
+	put16(b, qclass);
+	return b;
+}
+
+Bytes dns_response(uint16_t id, const std::string &name, const std::vector<const char *> &v4,
+		   const std::vector<const char *> &v6)
+{
+	Bytes b = dns_query(id, name, v4.empty() && !v6.empty() ? 28 : 1);
+	b[2] = 0x81, b[3] = 0x80;
+	b[7] = uint8_t(v4.size() + v6.size());
+	std::vector<const char *> all = v4;
+	all.insert(all.end(), v6.begin(), v6.end());
+	for (const char *a : all) {
+		Bytes rdata = addr_bytes(a);
+		for (uint16_t v : { uint16_t(0xc00c), uint16_t(rdata.size() == 4 ? 1 : 28), uint16_t(1), uint16_t(0),
+				    uint16_t(300), uint16_t(rdata.size()) })
+			put16(b, v);
+		b.insert(b.end(), rdata.begin(), rdata.end());
+	}
+	return b;
+}
+
+Bytes addr_bytes(const char *text)
+{
+	Bytes b(strchr(text, ':') ? 16 : 4);
+	inet_pton(b.size() == 16 ? AF_INET6 : AF_INET, text, b.data());
+	return b;
+}
+
 } // namespace sim

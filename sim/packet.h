@@ -86,6 +86,15 @@ Bytes l4_packet(bool udp, const char *src, const char *dst, const Tcp &tcp);
 // labels ending in the root label.
 void put16(Bytes &b, uint16_t v);
 void put_dns_name(Bytes &b, const std::string &name);
+// A standard query (RD set) for one name; a response to it (QR RD RA, no
+// error) with one A record per v4 and one AAAA record per v6 address (as
+// text, v4 first), owners compressed to the question name, TTL 300. The
+// question asks for AAAA when there are AAAA records only.
+Bytes dns_query(uint16_t id, const std::string &name, uint16_t qtype = 1, uint16_t qclass = 1);
+Bytes dns_response(uint16_t id, const std::string &name, const std::vector<const char *> &v4,
+		   const std::vector<const char *> &v6 = {});
+// An address given as text in wire order: 4 bytes, or 16 when it holds ':'.
+Bytes addr_bytes(const char *text);
 
 // An Ethernet frame around an IP packet (type from the IP version).
 Bytes ether(const Mac &dst, const Mac &src, const Bytes &ip_packet);

@@ -29,27 +29,6 @@ namespace {
 const char *const kClient = "192.168.1.10";
 const char *const kResolver = "192.0.2.53";
 
-using sim::put16;
-
-// A query (no answers) or a response with A records.
-sim::Bytes dns_message(uint16_t id, const std::string &name, const std::vector<const char *> &a, bool response)
-{
-	sim::Bytes b;
-	uint16_t answers = uint16_t(response ? a.size() : 0);
-	for (uint16_t v : { id, uint16_t(response ? 0x8180 : 0x0100), uint16_t(1), answers, uint16_t(0), uint16_t(0) })
-		put16(b, v);
-	sim::put_dns_name(b, name);
-	put16(b, 1); // type A
-	put16(b, 1); // class IN
-	for (size_t i = 0; i < answers; i++) {
-		for (uint16_t v : { 0xc00c, 1, 1, 0, 300, 4 }) // owner, A, IN, TTL, length
-			put16(b, v);
-		uint32_t v = sim::ip4(a[i]);
-		b.insert(b.end(), (uint8_t *)&v, (uint8_t *)&v + 4);
-	}
-	return b;
-}
-
 std::string dotted(uint32_t a)
 {
 	char s[INET_ADDRSTRLEN];
@@ -98,8 +77,8 @@ struct Demo {
 		sim::Udp qu, au;
 		qu.sport = au.dport = 40053;
 		qu.dport = au.sport = 53;
-		qu.payload = dns_message(id, name, {}, false);
-		au.payload = dns_message(id, name, addrs, true);
+		qu.payload = sim::dns_query(id, name);
+		au.payload = sim::dns_response(id, name, addrs);
 		id++;
 		show(std::string("client ") + kClient + " (br0) -> DNS", "query A " + name,
 		     r.forward(sim::ip4_udp(q, qu), r.br0(), r.wan()));

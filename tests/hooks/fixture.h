@@ -116,46 +116,9 @@ inline Bytes expected_redirect(const Conn &before, const std::string &request, c
 }
 
 // ---- DNS messages ----
-using sim::put16;
-using sim::put_dns_name;
-
-inline Bytes addr(const char *text)
-{
-	Bytes b(strchr(text, ':') ? 16 : 4);
-	inet_pton(b.size() == 16 ? AF_INET6 : AF_INET, text, b.data());
-	return b;
-}
-
-// A standard query (RD set), or a response with one A record per v4 and
-// one AAAA per v6 address, owners compressed to the question name.
-inline Bytes dns_query(uint16_t id, const std::string &name, uint16_t qtype = 1, uint16_t qclass = 1)
-{
-	Bytes b;
-	for (uint16_t v : { id, uint16_t(0x0100), uint16_t(1), uint16_t(0), uint16_t(0), uint16_t(0) })
-		put16(b, v);
-	put_dns_name(b, name);
-	put16(b, qtype);
-	put16(b, qclass);
-	return b;
-}
-
-inline Bytes dns_response(uint16_t id, const std::string &name, const std::vector<const char *> &v4,
-			  const std::vector<const char *> &v6 = {})
-{
-	Bytes b = dns_query(id, name, v4.empty() && !v6.empty() ? 28 : 1);
-	b[2] = 0x81, b[3] = 0x80; // QR RD RA, no error
-	b[7] = uint8_t(v4.size() + v6.size());
-	std::vector<const char *> all = v4;
-	all.insert(all.end(), v6.begin(), v6.end());
-	for (const char *a : all) {
-		Bytes rdata = addr(a);
-		for (uint16_t v : { uint16_t(0xc00c), uint16_t(rdata.size() == 4 ? 1 : 28), uint16_t(1), uint16_t(0),
-				    uint16_t(300), uint16_t(rdata.size()) })
-			put16(b, v);
-		b.insert(b.end(), rdata.begin(), rdata.end());
-	}
-	return b;
-}
+using sim::dns_query;
+using sim::dns_response;
+inline Bytes addr(const char *text) { return sim::addr_bytes(text); }
 
 // The captured traffic (tests/data/dns.pcap: dig and wget against dnsmasq;
 // client 10.53.0.2 / fd00:53::2, server 10.53.0.1 / fd00:53::1): whole
