@@ -168,35 +168,60 @@ TEST_F(HookTest, HttpBlockAnswersTheClientAndClosesTheConnection)
 	}
 }
 
-// A block decided by the hook (state 6 when the server talks first): the
-// server gets an RST, and the client's next segment the block page.
-TEST_F(HookTest, HttpBlockStateResetsTheServerAndAnswersTheNextClientSegment)
+// A block decided by the hook (state 6): set when the server talks first
+// over IPv4, reached over IPv6 by an undecodable request from a
+// time-blocked device under PC. The server gets an RST over IPv4 and an
+// ACK of its payload over IPv6; the client's next segment the block page.
+TEST_F(HookTest, HttpBlockStateAnswersTheServerAndTheNextClientSegment)
 {
-	services(true, false);
-	Conn c;
-	handshake(c);
-	record(c)->state = STATE_BLOCK;
-	strcpy(record(c)->redirect_url, "http://b/");
+	const std::string fn6 = "<7>[forward_hook6]: ";
+	for (bool v6 : { false, true }) {
+		SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
+		services(!v6, v6);
+		if (v6) {
+			ASSERT_EQ(22, r.write_proc("tblock_proc", "add 00:11:22:33:44:55\n"));
+		}
+		Conn c = conn(v6 ? 40100 : 40000, v6);
+		handshake(c);
+		if (v6) {
+			kmodel_log_clear();
+			EXPECT_FALSE(up(c.up(sim::ACK, "BREW /pot HTTP/1.1\r\n\r\n")).accepted());
+			EXPECT_EQ((Lines{ fn6 + "tcphoff = 40 \n", fn6 + "STATE_ESTAB:\n",
+					  fn6 + "header can't be recognized\n" }),
+				  kmodel_log());
+		} else {
+			record(c)->state = STATE_BLOCK;
+		}
+		EXPECT_EQ(STATE_BLOCK, record(c)->state);
+		strcpy(record(c)->redirect_url, "http://b/");
 
-	Conn before = c;
-	EXPECT_FALSE(down(c.down(sim::ACK | sim::PSH, "data")).accepted());
-	EXPECT_EQ(Lines{ "<7>[forward_hook]: packet FROM server, reset it\n" }, kmodel_log());
-	EXPECT_EQ(std::vector<Bytes>{ expected_bare(before, false, sim::RST, before.cseq, 0) }, to_server());
+		Conn before = c;
+		kmodel_log_clear();
+		EXPECT_FALSE(down(c.down(sim::ACK | sim::PSH, "0123456789")).accepted());
+		if (v6) {
+			EXPECT_EQ(std::vector<Bytes>{ expected_bare(before, false, sim::ACK, before.cseq, before.sseq + 10) },
+				  to_server());
+		} else {
+			EXPECT_EQ(Lines{ "<7>[forward_hook]: packet FROM server, reset it\n" }, kmodel_log());
+			EXPECT_EQ(std::vector<Bytes>{ expected_bare(before, false, sim::RST, before.cseq, 0) }, to_server());
+			// A client segment that cannot be acknowledged (a reset) is
+			// dropped and leaves the block waiting.
+			r.clear_sent();
+			EXPECT_FALSE(up(c.up(sim::RST | sim::ACK)).accepted());
+			EXPECT_TRUE(r.sent().empty());
+			EXPECT_EQ(STATE_BLOCK, record(c)->state);
+		}
 
-	// A client segment that cannot be acknowledged (a reset) is dropped
-	// and leaves the block waiting.
-	r.clear_sent();
-	EXPECT_FALSE(up(c.up(sim::RST | sim::ACK)).accepted());
-	EXPECT_TRUE(r.sent().empty());
-	EXPECT_EQ(STATE_BLOCK, record(c)->state);
-
-	std::string req = get_request("x.example");
-	before = c;
-	EXPECT_FALSE(up(c.up(sim::ACK | sim::PSH, req)).accepted());
-	auto client_got = to_client();
-	ASSERT_EQ(2u, client_got.size());
-	EXPECT_EQ(expected_redirect(before, req, "http://b/"), client_got[1]);
-	EXPECT_EQ(STATE_REDIRECT, record(c)->state);
+		r.clear_sent();
+		std::string req = get_request("x.example");
+		before = c;
+		EXPECT_FALSE(up(c.up(sim::ACK | sim::PSH, req)).accepted());
+		EXPECT_EQ((std::vector<Bytes>{ expected_bare(before, true, sim::ACK, before.sseq, before.cseq + req.size()),
+					       expected_redirect(before, req, "http://b/") }),
+			  to_client());
+		EXPECT_EQ(STATE_REDIRECT, record(c)->state);
+		r.clear_sent();
+	}
 }
 
 // WHITE_PASS marks the connection white: with PC only, a time-blocked

@@ -60,38 +60,6 @@ TEST_F(HookTest, HttpIpv6RequestCollectedAcrossSegmentsAndPassed)
 	EXPECT_EQ(0, kmodel_skb_stats_get().live);
 }
 
-// PC only, a time-blocked device, an undecodable request: the record goes
-// to STATE_BLOCK, the server is answered with an ACK and the device's next
-// segment gets the block page.
-TEST_F(HookTest, HttpIpv6UndecodableRequestFromTimeBlockedDeviceIsBlocked)
-{
-	services(false, true);
-	ASSERT_EQ(22, r.write_proc("tblock_proc", "add 00:11:22:33:44:55\n"));
-	Conn c = conn(40000, true);
-	handshake(c);
-	kmodel_log_clear();
-	EXPECT_FALSE(up(c.up(sim::ACK, "BREW /pot HTTP/1.1\r\n\r\n")).accepted());
-	EXPECT_EQ((Lines{ kFn + "tcphoff = 40 \n", kFn + "STATE_ESTAB:\n", kFn + "header can't be recognized\n" }),
-		  kmodel_log());
-	EXPECT_EQ(STATE_BLOCK, record(c)->state);
-	strcpy(record(c)->redirect_url, "http://b6/");
-
-	Conn before = c;
-	EXPECT_FALSE(down(c.down(sim::ACK | sim::PSH, "0123456789")).accepted());
-	EXPECT_EQ(std::vector<Bytes>{ expected_bare(before, false, sim::ACK, before.cseq, before.sseq + 10) },
-		  to_server())
-		<< "the IPv6 server gets an ACK of its payload, not a reset";
-
-	before = c;
-	std::string req = get_request("x6.example");
-	EXPECT_FALSE(up(c.up(sim::ACK | sim::PSH, req)).accepted());
-	auto cli = to_client();
-	ASSERT_EQ(2u, cli.size());
-	EXPECT_EQ(expected_bare(before, true, sim::ACK, before.sseq, before.cseq + req.size()), cli[0]);
-	EXPECT_EQ(expected_redirect(before, req, "http://b6/"), cli[1]);
-	EXPECT_EQ(STATE_REDIRECT, record(c)->state);
-}
-
 // Collection limits, empty hosts, and what the IPv6 hook lets by.
 TEST_F(HookTest, HttpIpv6CollectionLimitsAndPacketsLeftAlone)
 {
