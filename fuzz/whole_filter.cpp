@@ -25,8 +25,9 @@
 //   2 replies to the requests the daemon holds: verdict a & 3 (3 an
 //     unknown code), b bit 0 a short buffer (b bytes), bit 1 another kind,
 //     bit 2 another service, bit 3 every reply twice, bit 4 a long address,
-//     bit 6 an unterminated one; with b bit 5, replies instead to the
-//     requests read so far (old ones too) that the bytes pick by index
+//     bit 6 an unterminated one, bit 7 both ports zero; with b bit 5,
+//     replies instead to the requests read so far (old ones too) that the
+//     bytes pick by index
 //   3 the bytes written to control file a & 3
 //   4 the clock moves by a * 256 + b ticks, by 2^31 when a is 255
 //   5 with a bit 7 clear, every conntrack entry expires; with it set, a
@@ -339,7 +340,7 @@ std::vector<sim::Bytes> g_requests;
 // short buffer (b bytes), bit 1 another kind (a), bit 2 another service,
 // bit 3 sent twice, bit 4 a long address (511 characters), bit 6 an
 // unterminated one (the address and the bytes behind it up to the
-// reply's end, no NUL).
+// reply's end, no NUL), bit 7 both ports zero (as in a flow's reply).
 void reply(sim::NetlinkPeer &daemon, const sim::Bytes &q, uint8_t a, uint8_t b)
 {
 	struct rating_reply rep;
@@ -349,6 +350,8 @@ void reply(sim::NetlinkPeer &daemon, const sim::Bytes &q, uint8_t a, uint8_t b)
 	rep.service += (b & 4) ? 3 : 1;
 	static const u32 verdicts[] = {PASS, WHITE_PASS, BLOCK, 77};
 	rep.verdict = verdicts[a & 3];
+	if (b & 0x80)
+		rep.src_port = rep.dst_port = 0;
 	if (b & 0x40)
 		memset(rep.redirect_url, 'u', sizeof(rep.redirect_url) + sizeof(rep.pad1));
 	else if (b & 0x10)

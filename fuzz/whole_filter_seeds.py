@@ -28,12 +28,15 @@ def fragments(v6, kind):
 
 
 def replies(mode):
-    out = b""
+    # A query and its answer give out the servers' addresses first.
+    out = step(0, 4, 0, b"\x01") + step(0, 12, 0, b"\x01")
     # Requests from four clients of both families, none answered yet.
     for who in range(4):
         for v6 in (0, 1):
             a = v6 | who << 5
             out += step(0, a, 0, bytes([0x02]))
+            out += step(0, a | 8, 0, bytes([0x12]))
+            out += step(0, a, 0, bytes([0x10]))
             out += step(0, a, 0, bytes([0x18]) + GET)
     # Answers to old requests picked by index: each verdict, unterminated
     # and long addresses, duplicates.
@@ -42,12 +45,62 @@ def replies(mode):
     out += step(2, 1, 0x20, bytes([4, 6, 7, 200]))
     out += step(2, 0, 0x20 | 0x40, bytes([0, 1, 2, 3, 4, 5, 6, 7]))
     out += step(2, 3, 0x20, bytes([9]))
+    # Ports zero, as in a flow's reply, for connections and flows alike.
+    for verdict in range(4):
+        out += step(2, verdict, 0xa0, bytes(range(0, 24, 3)))
     # Conversations whose block pages carry an unterminated address.
     out += step(0, 0x20, 0, bytes([0x18]) + GET)
     out += step(2, 2, 0x40)
     out += step(7, 0x80 | 4, 0x02)
     out += step(2, 2, 0x20 | 0x40, bytes([255, 254]))
     return bytes([mode]) + out
+
+
+def flows6():
+    """Flows over IPv6 to a name's address: each verdict, both ports, the
+    server first or not, three devices."""
+    out = b""
+    for verdict in range(4):
+        for who in range(3):
+            a = 0x80 | 4 | who << 3 | (verdict + who) & 3
+            out += step(5, a, verdict << 1 | (who & 1) | (verdict & 1) << 3)
+    return out
+
+
+def lists():
+    """Many devices added to both lists, then deleted one by one and
+    flushed, with packets from the devices between; a flush of the HTTPS
+    trust seen first by the IPv6 hooks, then by the IPv4 ones."""
+    out = b""
+    macs = ["00:11:22:33:%02x:%02x" % (i // 7, (i * 37) & 255) for i in range(24)]
+    for m in macs:
+        out += step(3, 2, 0, ("add " + m + "\n").encode())
+        out += step(3, 3, 0, ("+|" + m + ("|http://u%d.example/" % len(m) if m[-1] in "02468" else "")).encode())
+    out += step(0, 0x21, 0, bytes([0x18]) + GET)
+    for m in macs[::2]:
+        out += step(3, 2, 0, ("del " + m).encode())
+        out += step(3, 3, 0, ("-|" + m).encode())
+    for cmd in ("=|flush_ssl", "=|flush_ublk", "=|flush"):
+        out += step(3, 3, 0, cmd.encode())
+        out += step(0, 0x01, 1, bytes([0x18]) + b"\x16\x03\x01")
+        out += step(0, 0x00, 1, bytes([0x18]) + b"\x16\x03\x01")
+    out += step(3, 2, 0, b"flush")
+    return out
+
+
+def multicast6():
+    """Raw IPv6 packets with a multicast source or destination: UDP to
+    port 53, TCP to ports 80 and 443."""
+    out = b""
+    src = bytes.fromhex("20010db8000100000000000000000010")
+    mc = bytes.fromhex("ff020000000000000000000000000001")
+    for proto, port in ((17, 53), (6, 80), (6, 443)):
+        for s, d in ((src, mc), (mc, src)):
+            tail = bytes([0, 20, 0, 0]) + bytes(12) if proto == 17 else bytes(8) + bytes.fromhex("5018721000000000")
+            l4 = bytes([0x9c, 0x41]) + port.to_bytes(2, "big") + tail
+            ip = bytes([0x60, 0, 0, 0, 0, len(l4), proto, 64]) + s + d + l4
+            out += step(0, 3 << 1 | 1, 0, ip)
+    return out
 
 
 def main():
@@ -60,6 +113,9 @@ def main():
                 name = "fragments-mode%d-ipv%d-%s" % (mode, 6 if v6 else 4, proto)
                 seeds[name] = bytes([mode]) + fragments(v6, kind)
         seeds["replies-mode%d" % mode] = replies(mode)
+        seeds["flows6-mode%d" % mode] = bytes([mode]) + flows6()
+        seeds["lists-many-mode%d" % mode] = bytes([mode]) + lists()
+        seeds["multicast6-mode%d" % mode] = bytes([mode]) + multicast6()
     for name, data in seeds.items():
         with open(os.path.join(d, name), "wb") as f:
             f.write(data)
