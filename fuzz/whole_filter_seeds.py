@@ -103,6 +103,33 @@ def multicast6():
     return out
 
 
+def dns_malformed():
+    """DNS messages to port 53 over IPv6 (the bytes as they are): short,
+    other opcodes and counts, an error code, names with pointers (forward,
+    backward, looping, out of range), labels too long, a class other than
+    IN, answers cut short, records of other types and sizes."""
+    def hdr(flags, qd=1, an=0):
+        return bytes([0, 7]) + flags.to_bytes(2, "big") + qd.to_bytes(2, "big") + an.to_bytes(2, "big") + bytes(4)
+    q = b"\x01a\x07example\x00" + bytes([0, 1, 0, 1])
+    rr = bytes([0xc0, 12, 0, 1, 0, 1, 0, 0, 1, 44, 0, 4, 93, 184, 216, 9])
+    msgs = [
+        bytes(5), hdr(0x0100)[:11], hdr(0x2900) + q, hdr(0x0100, qd=2) + q, hdr(0x8180, an=0) + q,
+        hdr(0x8183, an=1) + q + rr, hdr(0x8180, an=200) + q + rr, hdr(0x0100) + b"\x00" + bytes([0, 1, 0, 1]),
+        hdr(0x0100) + b"\xc0\x0c" + bytes([0, 1, 0, 1]), hdr(0x0100) + b"\xc0\xff" + bytes([0, 1, 0, 1]),
+        hdr(0x0100) + b"\x01a\xc0\x12\x00" + bytes([0, 1, 0, 1]), hdr(0x0100) + b"\x3fabc",
+        hdr(0x0100) + (b"\x3f" + b"x" * 63) * 3 + b"\xc0\x0c" + bytes([0, 1, 0, 1]),
+        hdr(0x0100) + q[:-2] + bytes([0, 3]), hdr(0x0100) + q[:-3], hdr(0x8180, an=1) + q + rr[:9],
+        hdr(0x8180, an=1) + q + rr[:11] + b"\xff",
+        hdr(0x8180, an=3) + q + rr + rr[:2] + bytes([0, 28, 0, 1, 0, 0, 1, 44, 0, 16]) + bytes(16)
+        + b"\x01b\xc0\x0c" + bytes([0, 5, 0, 1, 0, 0, 1, 44, 0, 2, 0xc0, 12]),
+        hdr(0x8180, an=1) + q + b"\xc0\x1d" + rr[2:], hdr(0x8180, an=1) + q + b"\xc0\x0e" + rr[2:],
+    ]
+    out = b""
+    for m in msgs:
+        out += step(0, 2 << 1 | 1, 2, b"\x00" + m)
+    return out
+
+
 def main():
     d = sys.argv[1] if len(sys.argv) > 1 else "fuzz/corpus/whole_filter"
     os.makedirs(d, exist_ok=True)
@@ -116,6 +143,7 @@ def main():
         seeds["flows6-mode%d" % mode] = bytes([mode]) + flows6()
         seeds["lists-many-mode%d" % mode] = bytes([mode]) + lists()
         seeds["multicast6-mode%d" % mode] = bytes([mode]) + multicast6()
+        seeds["dns-malformed-mode%d" % mode] = bytes([mode]) + dns_malformed()
     for name, data in seeds.items():
         with open(os.path.join(d, name), "wb") as f:
             f.write(data)
