@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
-"""Writes the whole_filter seeds for fragments and replies (the input
-format is described at the top of fuzz/whole_filter.cpp) into the
-directory given, fuzz/corpus/whole_filter by default."""
+"""Writes the whole_filter seeds for fragments, replies to held and old
+requests, IPv6 flows, long lists, multicast IPv6 and malformed DNS, in
+each service mode (the input format is described at the top of
+fuzz/whole_filter.cpp), into the directory given, fuzz/corpus/whole_filter
+by default."""
 import os
 import sys
 
@@ -19,8 +21,8 @@ def fragments(v6, kind):
     out = b""
     for from_server in (0, 8):
         for frag in range(1, 8):
-            fp = (frag - 1 + kind) & 15 | (frag + kind + from_server // 8) % 4 << 4
-            for fp in (fp, fp ^ 0x47):
+            first = (frag - 1 + kind) & 15 | (frag + kind + from_server // 8) % 4 << 4
+            for fp in (first, first ^ 0x47):
                 a = v6 | kind << 1 | from_server | (frag & 3) << 5
                 payload = bytes([0x18]) + GET if kind != 2 else bytes([frag])
                 out += step(frag << 5, a, kind, payload + bytes([fp]))
