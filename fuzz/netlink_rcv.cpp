@@ -10,9 +10,8 @@
 // chooses), echoed as the daemon would (kind 1, service + 1) unless op
 // asks for another kind (0x08) or service (0x10); verdict & 3 is PASS,
 // WHITE_PASS, BLOCK or an unknown code; 0x20 fills the block-page address
-// with 511 characters (with DNSHOOK_FUZZ_UNTERMINATED=1 in the environment:
-// 524, leaving it unterminated up to the reply's end, which the filter
-// does not survive yet: see docs/fuzzing.md); 0x40 cuts the buffer to 16 + 2 *
+// with 511 characters or, with verdict bit 2, with 524 (no NUL up to the
+// reply's end); 0x40 cuts the buffer to 16 + 2 *
 // linear bytes (a short or header-only message); the linear byte x 4 is
 // the linear part, the rest lies in page fragments; 0x80 sends each
 // connection's next client packet afterwards.
@@ -61,10 +60,9 @@ struct sk_buff *reply_buffer(const sim::Bytes &request, const uint8_t *&p, const
 	reply.service += (op & 0x10) ? 0 : 1;
 	static const u32 verdicts[] = {PASS, WHITE_PASS, BLOCK, 0x7fffffff};
 	reply.verdict = verdicts[verdict & 3];
-	static const bool unterminated = getenv("DNSHOOK_FUZZ_UNTERMINATED") != nullptr;
 	if (op & 0x20)
 		memset(reply.redirect_url, 'A',
-		       unterminated ? sizeof(reply.redirect_url) + sizeof(reply.pad1) : sizeof(reply.redirect_url) - 1);
+		       (verdict & 4) ? sizeof(reply.redirect_url) + sizeof(reply.pad1) : sizeof(reply.redirect_url) - 1);
 	size_t n = std::min<size_t>(url_len, end - p);
 	n = std::min(n, sizeof(reply.redirect_url));
 	memcpy(reply.redirect_url, p, n);

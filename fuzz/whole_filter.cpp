@@ -12,15 +12,22 @@
 //     raw bytes, bit 3 from the server, bit 4 via br1, bits 5-7 the client
 //     (8 of them: the time-blocked and the exempted device among them);
 //     b picks the server port (80, 443, 53, 8443 or 1024 + b) and, bit 7,
-//     an IPv4 fragment; the bytes are the TCP flags and the payload; op
-//     bits 3-4 make 20, 40 or 60 bytes linear instead of all
+//     the more-fragments flag on a whole IPv4 packet; the bytes are the
+//     TCP flags and the payload; op bits 3-4 make 20, 40 or 60 bytes
+//     linear instead of all; op bits 5-7 send the packet (not raw bytes)
+//     as fragments of either family instead (see fragments()), the last
+//     byte then choosing their sizes and, over IPv6, the extension headers
+//     in front of the fragment header
 //   1 a DNS answer giving server b's addresses for name a % 16; with a
 //     bit 7 set, 120 queries and answers of names and addresses not seen
 //     before (from the input's count of such bursts), which fill the DNS
 //     table and the flow tables past their 100 slots
 //   2 replies to the requests the daemon holds: verdict a & 3 (3 an
 //     unknown code), b bit 0 a short buffer (b bytes), bit 1 another kind,
-//     bit 2 another service, bit 3 every reply twice, bit 4 a long address
+//     bit 2 another service, bit 3 every reply twice, bit 4 a long address,
+//     bit 6 an unterminated one, bit 7 both ports zero; with b bit 5,
+//     replies instead to the requests read so far (old ones too) that the
+//     bytes pick by index
 //   3 the bytes written to control file a & 3
 //   4 the clock moves by a * 256 + b ticks, by 2^31 when a is 255
 //   5 with a bit 7 clear, every conntrack entry expires; with it set, a
@@ -28,6 +35,7 @@
 //   6 allocation a % 8 + 1 from now fails (kmalloc, or a buffer if b & 1)
 //   7 with a bit 7 clear, the service switches: WP a & 1, PC a & 2;
 //     with a bit 7 set, a whole HTTP conversation (see conversation())
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -58,23 +66,98 @@ sim::Mac client_mac(int who)
 	return {0x00, 0x11, 0x22, 0x33, 0x44, uint8_t(0x55 + who)};
 }
 
+// A TCP segment or UDP datagram; an IPv6 one carries a fragment header
+// (offset 0, id 0x5678) behind the extension headers chosen by ext
+// (0 none, 1 hop-by-hop, 2 destination options and a routing header,
+// 3 hop-by-hop and destination options) when ext >= 0.
+sim::Bytes segment(bool udp, const std::string &src, const std::string &dst, uint16_t sport, uint16_t dport,
+		   uint8_t flags, uint32_t seq, const std::string &payload, int ext)
+{
+	if (ext < 0 || src.find(':') == std::string::npos)
+		return fuzz::l4(udp, src.c_str(), dst.c_str(), sport, dport, flags, seq, 500, payload);
+	sim::Ip6 ip6;
+	ip6.src = sim::ip6(src.c_str());
+	ip6.dst = sim::ip6(dst.c_str());
+	if (ext == 1 || ext == 3)
+		ip6.ext.push_back({0, {1, 2, 0, 0}});
+	if (ext == 2 || ext == 3)
+		ip6.ext.push_back({60, {1, 0}});
+	if (ext == 2)
+		ip6.ext.push_back({43, {0, 0, 0, 0, 0, 0}});
+	ip6.ext.push_back({44, sim::frag6_body(0, false, 0x5678)});
+	sim::Tcp t;
+	t.sport = sport;
+	t.dport = dport;
+	t.flags = flags;
+	t.seq = seq;
+	t.ack = 500;
+	t.payload.assign(payload.begin(), payload.end());
+	if (!udp)
+		return sim::ip6_tcp(ip6, t);
+	sim::Udp u;
+	u.sport = sport;
+	u.dport = dport;
+	u.payload = t.payload;
+	return sim::ip6_udp(ip6, u);
+}
+
+// The fragments of a whole packet that one packet step sends: kind
+// (op >> 5) 1 a first fragment with more to come, 8 * (k + 1) bytes;
+// 2 a later fragment at offset k + 1 (8-byte units), more to come if
+// fp bit 6, else a lone last fragment; 3 two overlapping fragments (the
+// first of k + 2 units, the second from offset k); 4 the whole packet in
+// fragments of k + 1 units, in order; 5 the same in reverse order; 6 a
+// first fragment of k % 8 bytes, too short for any header behind it;
+// 7 an atomic fragment (offset 0, no more to come). k = fp & 15.
+std::vector<sim::Bytes> fragments(const sim::Bytes &whole, int kind, uint8_t fp)
+{
+	size_t k = fp & 15, step = 8 * (k + 1);
+	std::vector<sim::Bytes> out;
+	switch (kind) {
+	case 1: out.push_back(sim::fragment(whole, 0, step, true)); break;
+	case 2: out.push_back(sim::fragment(whole, uint16_t(k + 1), SIZE_MAX, fp & 0x40)); break;
+	case 3:
+		out.push_back(sim::fragment(whole, 0, 8 * (k + 2), true));
+		out.push_back(sim::fragment(whole, uint16_t(k), SIZE_MAX, false));
+		break;
+	case 4:
+	case 5:
+		for (size_t off = 0, header = sim::fragment(whole, 0, 0, true).size(); out.size() < 32; off += k + 1) {
+			out.push_back(sim::fragment(whole, uint16_t(off), step, true));
+			if (out.back().size() - header < step)
+				break;
+		}
+		out.back() = sim::fragment(whole, uint16_t((out.size() - 1) * (k + 1)), step, false);
+		if (kind == 5)
+			std::reverse(out.begin(), out.end());
+		break;
+	case 6: out.push_back(sim::fragment(whole, 0, k % 8, true)); break;
+	default: out.push_back(sim::fragment(whole, 0, SIZE_MAX, false)); break;
+	}
+	return out;
+}
+
 void packet(sim::Router &r, uint8_t op, uint8_t a, uint8_t b, const uint8_t *p, size_t n)
 {
 	bool v6 = a & 1, from_server = a & 8;
-	int kind = (a >> 1) & 3, who = a >> 5;
+	int kind = (a >> 1) & 3, who = a >> 5, frag = op >> 5;
 	struct net_device *lan = (a & 0x10) ? r.br1() : r.br0();
 	static const uint16_t ports[] = {80, 443, 53, 8443};
 	uint16_t port = (b & 0x7f) < 4 ? ports[b & 3] : uint16_t(1024 + (b & 0x7f));
 	std::string client = v6 ? kClients6[who & 3] : kClients4[who & 3];
 	std::string server = v6 ? server6(b) : server4(b);
+	// With fragments, the last byte (if there are two or more) is fp.
+	uint8_t fp = frag && n >= 2 ? p[--n] : 0;
+	int ext = frag ? (fp >> 4) & 3 : -1;
 	uint8_t flags = n ? p[0] : 0;
 	std::string payload(p + (n ? 1 : 0), p + n);
 	sim::Bytes ip;
 	if (kind == 3) {
 		ip.assign(p, p + n);
+		frag = 0;
 	} else if (kind == 2 && v6) {
 		// No IPv6 resolver: a datagram to port 53 of the input's bytes.
-		ip = fuzz::l4(true, client.c_str(), server.c_str(), 40001, 53, 0, 0, 0, payload);
+		ip = segment(true, client, server, 40001, 53, 0, 0, payload, ext);
 	} else if (kind == 2) {
 		std::string dns = fuzz::dns_answer(name(flags), server4(b).c_str(), server6(b).c_str(), from_server);
 		ip = fuzz::l4(true, from_server ? fuzz::kResolver : client.c_str(),
@@ -82,24 +165,24 @@ void packet(sim::Router &r, uint8_t op, uint8_t a, uint8_t b, const uint8_t *p, 
 			      from_server ? 40001 : 53, 0, 0, 0, dns);
 	} else {
 		uint16_t cport = uint16_t(40000 + (who & 3));
-		const char *src = from_server ? server.c_str() : client.c_str();
-		const char *dst = from_server ? client.c_str() : server.c_str();
-		ip = fuzz::l4(kind == 1, src, dst, from_server ? port : cport, from_server ? cport : port, flags,
-			      1000 + flags, 500, payload);
-		if (!v6 && (b & 0x80) && ip.size() > 20)
+		ip = segment(kind == 1, from_server ? server : client, from_server ? client : server,
+			     from_server ? port : cport, from_server ? cport : port, flags, 1000 + flags, payload, ext);
+		if (!v6 && !frag && (b & 0x80) && ip.size() > 20)
 			ip[6] |= 0x20; // more fragments
 	}
 	if (ip.empty())
 		return;
-	size_t linear = (op >> 3) & 3 ? (size_t)((op >> 3) & 3) * 20 : ip.size();
+	size_t linear = (op >> 3) & 3 ? (size_t)((op >> 3) & 3) * 20 : SIZE_MAX;
 	sim::Mac mac = client_mac(who);
-	if (from_server)
-		r.forward(ip, r.wan(), lan, sim::kGatewayMac, linear);
-	else
-		r.forward(ip, lan, r.wan(), mac, linear);
+	for (const sim::Bytes &f : frag ? fragments(ip, frag, fp) : std::vector<sim::Bytes>{ip}) {
+		if (from_server)
+			r.forward(f, r.wan(), lan, sim::kGatewayMac, linear);
+		else
+			r.forward(f, lan, r.wan(), mac, linear);
+	}
 }
 
-void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b);
+void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b, const uint8_t *p = nullptr, size_t n = 0);
 
 // Conversations and flows of one input so far: each gets client ports of
 // its own, so that none lands in a connection an earlier one left open.
@@ -250,24 +333,52 @@ void conversation(sim::Router &r, sim::NetlinkPeer &daemon, uint8_t op, uint8_t 
 	seg(false, sim::FIN | sim::ACK, ss + 2, next + 1, "");
 }
 
-void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b)
+// Requests the daemon has read in this input, oldest first (the last 64).
+std::vector<sim::Bytes> g_requests;
+
+// One reply to request q: verdict a & 3 (3 an unknown code); b bit 0 a
+// short buffer (b bytes), bit 1 another kind (a), bit 2 another service,
+// bit 3 sent twice, bit 4 a long address (511 characters), bit 6 an
+// unterminated one (the address and the bytes behind it up to the
+// reply's end, no NUL), bit 7 both ports zero (as in a flow's reply).
+void reply(sim::NetlinkPeer &daemon, const sim::Bytes &q, uint8_t a, uint8_t b)
 {
-	for (const sim::Bytes &q : daemon.read_payloads()) {
-		struct rating_reply rep;
-		memset(&rep, 0, sizeof(rep));
-		memcpy(&rep, q.data(), std::min(q.size(), offsetof(struct rating_reply, verdict)));
-		rep.kind = (b & 2) ? a : RATING_KIND_REPLY;
-		rep.service += (b & 4) ? 3 : 1;
-		static const u32 verdicts[] = {PASS, WHITE_PASS, BLOCK, 77};
-		rep.verdict = verdicts[a & 3];
-		if (b & 0x10)
-			memset(rep.redirect_url, 'u', sizeof(rep.redirect_url) - 1);
-		else
-			strcpy(rep.redirect_url, "http://block.example/");
-		size_t len = (b & 1) ? std::min<size_t>(b, sizeof(rep)) : sizeof(rep);
-		for (int i = 0; i < ((b & 8) ? 2 : 1); i++)
-			daemon.send(0, &rep, len);
+	struct rating_reply rep;
+	memset(&rep, 0, sizeof(rep));
+	memcpy(&rep, q.data(), std::min(q.size(), offsetof(struct rating_reply, verdict)));
+	rep.kind = (b & 2) ? a : RATING_KIND_REPLY;
+	rep.service += (b & 4) ? 3 : 1;
+	static const u32 verdicts[] = {PASS, WHITE_PASS, BLOCK, 77};
+	rep.verdict = verdicts[a & 3];
+	if (b & 0x80)
+		rep.src_port = rep.dst_port = 0;
+	if (b & 0x40)
+		memset(rep.redirect_url, 'u', sizeof(rep.redirect_url) + sizeof(rep.pad1));
+	else if (b & 0x10)
+		memset(rep.redirect_url, 'u', sizeof(rep.redirect_url) - 1);
+	else
+		strcpy(rep.redirect_url, "http://block.example/");
+	size_t len = (b & 1) ? std::min<size_t>(b, sizeof(rep)) : sizeof(rep);
+	for (int i = 0; i < ((b & 8) ? 2 : 1); i++)
+		daemon.send(0, &rep, len);
+}
+
+// The daemon reads what the filter sent and replies (see reply()) to each
+// new request or, with b bit 5, to the requests read so far that the
+// bytes pick (each byte an index, modulo their number), old ones too.
+void replies(sim::NetlinkPeer &daemon, uint8_t a, uint8_t b, const uint8_t *p, size_t n)
+{
+	std::vector<sim::Bytes> fresh = daemon.read_payloads();
+	g_requests.insert(g_requests.end(), fresh.begin(), fresh.end());
+	if (g_requests.size() > 64)
+		g_requests.erase(g_requests.begin(), g_requests.end() - 64);
+	if (!(b & 0x20)) {
+		for (const sim::Bytes &q : fresh)
+			reply(daemon, q, a, b);
+		return;
 	}
+	for (size_t i = 0; i < n && !g_requests.empty(); i++)
+		reply(daemon, g_requests[p[i] % g_requests.size()], a, b);
 }
 
 void check(void);
@@ -318,6 +429,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 		sim::Router r;
 		sim::NetlinkPeer daemon;
 		g_sessions = 0;
+		g_requests.clear();
 		size_t pos = 1;
 		bool inject = (data[0] & 0xc0) == 0xc0 && size >= 2;
 		if (inject) {
@@ -351,7 +463,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 				r.forward(ip, r.wan(), r.br0(), sim::kGatewayMac);
 				break;
 			}
-			case 2: replies(daemon, a, b); break;
+			case 2: replies(daemon, a, b, p, n); break;
 			case 3: kmodel_proc_write(kFiles[a & 3], p, n); break;
 			case 4: r.advance(a == 255 ? 0x80000000u : a * 256u + b); break;
 			case 5:

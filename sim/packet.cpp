@@ -237,6 +237,45 @@ Bytes frag6_body(uint16_t offset_units, bool more, uint32_t id)
 	return b;
 }
 
+Bytes fragment(const Bytes &packet, uint16_t offset_units, size_t len, bool more)
+{
+	if (packet.size() < 20)
+		return packet;
+	bool v6 = (packet[0] >> 4) == 6;
+	size_t data = v6 ? 40 : (size_t)(packet[0] & 0xf) * 4, fh = 0;
+	uint8_t next = v6 ? packet[6] : 0;
+	while (v6 && !fh && data + 8 <= packet.size()) {
+		if (next == 44) {
+			fh = data;
+		} else if (next == 0 || next == 43 || next == 60 || next == 51) {
+			size_t hlen = next == 51 ? (packet[data + 1] + 2u) * 4 : (packet[data + 1] + 1u) * 8;
+			next = packet[data];
+			data += hlen;
+		} else {
+			break;
+		}
+	}
+	if ((v6 && !fh) || data > packet.size())
+		return packet;
+	if (v6)
+		data = fh + 8;
+	size_t start = std::min(data + (size_t)offset_units * 8, packet.size());
+	size_t end = start + std::min(len, packet.size() - start);
+	Bytes f(packet.begin(), packet.begin() + data);
+	f.insert(f.end(), packet.begin() + start, packet.begin() + end);
+	uint16_t fo = (uint16_t)(offset_units & 0x1fff);
+	if (v6) {
+		put16(f, fh + 2, (uint16_t)(fo << 3 | (more ? 1 : 0)));
+		put16(f, 4, (uint16_t)(f.size() - 40));
+		return f;
+	}
+	put16(f, 2, (uint16_t)f.size());
+	put16(f, 6, (uint16_t)(fo | (more ? 0x2000 : 0)));
+	put16(f, 10, 0);
+	put16(f, 10, fold_complement(sum16(f.data(), data)));
+	return f;
+}
+
 Bytes ether(const Mac &dst, const Mac &src, const Bytes &ip_packet)
 {
 	Bytes f(14);

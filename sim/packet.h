@@ -77,6 +77,13 @@ Bytes ip6_udp(const Ip6 &ip, const Udp &udp);
 // A fragment header body: offset in 8-byte units, more-fragments flag, id.
 Bytes frag6_body(uint16_t offset_units, bool more, uint32_t id);
 
+// One fragment of a whole packet: bytes [8 * offset_units, + len) of what
+// follows the IPv4 header or, for IPv6, the packet's fragment header
+// (which the packet must carry; without one it is returned as it is), with
+// the offset and more-fragments flag set there and the lengths and the
+// IPv4 header checksum made to match. A slice past the end is cut short.
+Bytes fragment(const Bytes &packet, uint16_t offset_units, size_t len, bool more);
+
 // A TCP segment (ports, flags, sequence numbers and payload from `tcp`)
 // or, with `udp` set, a UDP datagram with the same ports and payload,
 // between addresses given as text: IPv6 when they hold ':'.

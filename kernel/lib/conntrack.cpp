@@ -1,17 +1,59 @@
 // Connection-tracking entries as plain data made by the host; the last
 // reference going calls nf_conntrack_destroy, as in the kernel.
+//
+// A destroyed entry is not freed at once: the last QUARANTINE_MAX of them
+// stay allocated and poisoned (under AddressSanitizer any access to them
+// is reported; without it the reference count is left at 1 so that a late
+// put reaches nf_conntrack_destroy again and is caught there, and
+// kmodel_ct_attach refuses them). Older ones are freed, so that a long run
+// keeps its memory flat; reset frees everything.
+#include <deque>
 #include <stdlib.h>
+#include <string.h>
 #include <unordered_set>
-#include <vector>
 
 #include "kmodel/net.h"
 #include "kmodel/state.h"
 #include "net/netfilter/nf_conntrack.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#define KMODEL_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KMODEL_ASAN 1
+#endif
+#endif
+#ifdef KMODEL_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
+
+#define POISON_FREE 0x6b
+
 namespace {
 
-std::vector<nf_conn *> g_all; // every entry since reset, destroyed or not
-std::unordered_set<const nf_conn *> g_destroyed;
+const size_t QUARANTINE_MAX = 4096;
+
+std::unordered_set<const nf_conn *> g_live;        // made, not yet destroyed
+std::unordered_set<const nf_conn *> g_quarantined; // destroyed, not yet freed
+std::deque<nf_conn *> g_quarantine;                // the same, oldest first
+long g_destroyed;                                  // destroyed since reset
+
+void poison(struct nf_conn *ct)
+{
+	memset((void *)ct, POISON_FREE, sizeof(*ct));
+	atomic_set(&ct->ct_general.use, 1);
+#ifdef KMODEL_ASAN
+	ASAN_POISON_MEMORY_REGION(ct, sizeof(*ct));
+#endif
+}
+
+void release(struct nf_conn *ct)
+{
+#ifdef KMODEL_ASAN
+	ASAN_UNPOISON_MEMORY_REGION(ct, sizeof(*ct));
+#endif
+	free(ct);
+}
 
 } // namespace
 
@@ -19,9 +61,19 @@ void nf_conntrack_destroy(struct nf_conntrack *nfct)
 {
 	struct nf_conn *ct = (struct nf_conn *)nfct;
 
+	BUG_ON(g_quarantined.count(ct) != 0); // destroyed twice, or put after destroy
 	BUG_ON(atomic_read(&nfct->use) != 0);
-	BUG_ON(g_destroyed.count(ct) != 0); // destroyed twice
-	g_destroyed.insert(ct);
+	BUG_ON(g_live.erase(ct) != 1);
+	g_destroyed++;
+	poison(ct);
+	g_quarantined.insert(ct);
+	g_quarantine.push_back(ct);
+	if (g_quarantine.size() > QUARANTINE_MAX) {
+		nf_conn *old = g_quarantine.front();
+		g_quarantine.pop_front();
+		g_quarantined.erase(old);
+		release(old);
+	}
 }
 
 struct nf_conn *kmodel_ct_new(void)
@@ -30,13 +82,13 @@ struct nf_conn *kmodel_ct_new(void)
 
 	BUG_ON(ct == NULL);
 	atomic_set(&ct->ct_general.use, 1);
-	g_all.push_back(ct);
+	g_live.insert(ct);
 	return ct;
 }
 
 void kmodel_ct_attach(struct sk_buff *skb, struct nf_conn *ct, int ctinfo)
 {
-	BUG_ON(g_destroyed.count(ct) != 0);
+	BUG_ON(g_live.count(ct) == 0); // destroyed, or never made
 	nf_conntrack_put(skb->nfct);
 	nf_conntrack_get(&ct->ct_general);
 	skb->nfct = &ct->ct_general;
@@ -48,14 +100,19 @@ void kmodel_ct_remove(struct nf_conn *ct)
 	nf_conntrack_put(&ct->ct_general);
 }
 
-bool kmodel_ct_destroyed(const struct nf_conn *ct) { return g_destroyed.count(ct) != 0; }
-long kmodel_ct_destroy_count(void) { return (long)g_destroyed.size(); }
+bool kmodel_ct_destroyed(const struct nf_conn *ct) { return g_quarantined.count(ct) != 0; }
+long kmodel_ct_destroy_count(void) { return g_destroyed; }
+long kmodel_ct_quarantined(void) { return (long)g_quarantine.size(); }
 int kmodel_ct_refs(const struct nf_conn *ct) { return atomic_read(&ct->ct_general.use); }
 
 void kmodel_conntrack_reset(void)
 {
-	for (nf_conn *ct : g_all)
-		free(ct);
-	g_all.clear();
-	g_destroyed.clear();
+	for (const nf_conn *ct : g_live)
+		free((void *)ct);
+	for (nf_conn *ct : g_quarantine)
+		release(ct);
+	g_live.clear();
+	g_quarantined.clear();
+	g_quarantine.clear();
+	g_destroyed = 0;
 }

@@ -108,8 +108,11 @@ struct nf_conn *kmodel_ct_new(void);
 void kmodel_ct_attach(struct sk_buff *skb, struct nf_conn *ct, int ctinfo);
 // Drops the table's reference (the entry times out).
 void kmodel_ct_remove(struct nf_conn *ct);
+// True for an entry destroyed recently: the last 4096 destroyed entries
+// stay allocated and poisoned, older ones are freed.
 bool kmodel_ct_destroyed(const struct nf_conn *ct);
-long kmodel_ct_destroy_count(void);
+long kmodel_ct_destroy_count(void); // entries destroyed since reset
+long kmodel_ct_quarantined(void);   // destroyed entries not yet freed
 int kmodel_ct_refs(const struct nf_conn *ct);
 
 // ---- netlink ----

@@ -1,0 +1,50 @@
+// Destroyed conntrack entries: the model keeps the last 4096 allocated and
+// poisoned, where a late put or attach stops the program, and frees older
+// ones, so that a long run stays flat; reset frees the rest.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "kmodel/host.h"
+#include "kmodel/net.h"
+#include "linux/skbuff.h"
+#include "net/netfilter/nf_conntrack.h"
+
+namespace {
+
+TEST(ConntrackQuarantine, KeepsTheLastDestroyedEntriesPoisonedAndFreesOlderOnes)
+{
+	const int kQuarantine = 4096, kOlder = 10;
+	kmodel_reset();
+	std::vector<nf_conn *> cts;
+	for (int i = 0; i < kQuarantine + kOlder; i++)
+		cts.push_back(kmodel_ct_new());
+	nf_conn *live = kmodel_ct_new();
+	for (nf_conn *ct : cts)
+		kmodel_ct_remove(ct);
+	EXPECT_EQ(kQuarantine + kOlder, kmodel_ct_destroy_count());
+	EXPECT_EQ(kQuarantine, kmodel_ct_quarantined());
+	int destroyed_older = 0, destroyed_recent = 0;
+	for (int i = 0; i < (int)cts.size(); i++)
+		(i < kOlder ? destroyed_older : destroyed_recent) += kmodel_ct_destroyed(cts[i]);
+	EXPECT_EQ(0, destroyed_older);
+	EXPECT_EQ(kQuarantine, destroyed_recent);
+	EXPECT_FALSE(kmodel_ct_destroyed(live));
+
+	// A late put of a quarantined entry, or attaching one to a buffer,
+	// stops the program; a live entry attaches as before.
+	struct sk_buff *skb = alloc_skb(64, GFP_ATOMIC);
+	ASSERT_NE(nullptr, skb);
+	EXPECT_DEATH(kmodel_ct_remove(cts.back()), "");
+	EXPECT_DEATH(kmodel_ct_attach(skb, cts[kOlder], IP_CT_NEW), "");
+	kmodel_ct_attach(skb, live, IP_CT_NEW);
+	EXPECT_EQ(2, kmodel_ct_refs(live));
+	kfree_skb(skb);
+	EXPECT_EQ(1, kmodel_ct_refs(live));
+
+	kmodel_reset();
+	EXPECT_EQ(0, kmodel_ct_destroy_count());
+	EXPECT_EQ(0, kmodel_ct_quarantined());
+}
+
+} // namespace
