@@ -1,16 +1,25 @@
 // Connection-tracking entries as plain data made by the host; the last
 // reference going calls nf_conntrack_destroy, as in the kernel.
 //
-// A destroyed entry is not freed at once: the last QUARANTINE_MAX of them
-// stay allocated and poisoned (under AddressSanitizer any access to them
-// is reported; without it the reference count is left at 1 so that a late
-// put reaches nf_conntrack_destroy again and is caught there, and
-// kmodel_ct_attach refuses them). Older ones are freed, so that a long run
-// keeps its memory flat; reset frees everything.
+// The kernel's conntrack memory is type-stable: a destroyed entry goes
+// back to its cache and is handed out again as a new entry, never to
+// anything else. The filter relies on that: its records keep an entry
+// without a reference, and a WHITE_PASS verdict that arrives after the
+// connection ended writes `white_mark` into whatever entry the memory has
+// become. The model keeps the same contract:
+// - the last QUARANTINE_MAX destroyed entries stay allocated and poisoned,
+//   all but `white_mark` (under AddressSanitizer any other access is
+//   reported; without it the reference count is left at 1 so that a late
+//   put reaches nf_conntrack_destroy again and is caught there, and
+//   kmodel_ct_attach refuses them);
+// - older ones are handed out again by kmodel_ct_new, zeroed as the
+//   kernel's allocation does, so that a long run keeps its memory flat;
+// - reset frees everything.
 #include <deque>
 #include <stdlib.h>
 #include <string.h>
 #include <unordered_set>
+#include <vector>
 
 #include "kmodel/net.h"
 #include "kmodel/state.h"
@@ -36,6 +45,7 @@ const size_t QUARANTINE_MAX = 4096;
 std::unordered_set<const nf_conn *> g_live;        // made, not yet destroyed
 std::unordered_set<const nf_conn *> g_quarantined; // destroyed, not yet freed
 std::deque<nf_conn *> g_quarantine;                // the same, oldest first
+std::vector<nf_conn *> g_cache;                    // destroyed, to be handed out again
 long g_destroyed;                                  // destroyed since reset
 
 void poison(struct nf_conn *ct)
@@ -44,15 +54,17 @@ void poison(struct nf_conn *ct)
 	atomic_set(&ct->ct_general.use, 1);
 #ifdef KMODEL_ASAN
 	ASAN_POISON_MEMORY_REGION(ct, sizeof(*ct));
+	// The mark stays writable, as in the kernel's type-stable cache (the
+	// shadow's 8-byte granules leave the bytes before it writable too).
+	ASAN_UNPOISON_MEMORY_REGION(&ct->white_mark, sizeof(ct->white_mark));
 #endif
 }
 
-void release(struct nf_conn *ct)
+void unpoison([[maybe_unused]] struct nf_conn *ct)
 {
 #ifdef KMODEL_ASAN
 	ASAN_UNPOISON_MEMORY_REGION(ct, sizeof(*ct));
 #endif
-	free(ct);
 }
 
 } // namespace
@@ -72,15 +84,23 @@ void nf_conntrack_destroy(struct nf_conntrack *nfct)
 		nf_conn *old = g_quarantine.front();
 		g_quarantine.pop_front();
 		g_quarantined.erase(old);
-		release(old);
+		g_cache.push_back(old);
 	}
 }
 
 struct nf_conn *kmodel_ct_new(void)
 {
-	struct nf_conn *ct = (struct nf_conn *)calloc(1, sizeof(*ct));
+	struct nf_conn *ct;
 
-	BUG_ON(ct == NULL);
+	if (!g_cache.empty()) {
+		ct = g_cache.back();
+		g_cache.pop_back();
+		unpoison(ct);
+		memset((void *)ct, 0, sizeof(*ct));
+	} else {
+		ct = (struct nf_conn *)calloc(1, sizeof(*ct));
+		BUG_ON(ct == NULL);
+	}
 	atomic_set(&ct->ct_general.use, 1);
 	g_live.insert(ct);
 	return ct;
@@ -109,9 +129,16 @@ void kmodel_conntrack_reset(void)
 {
 	for (const nf_conn *ct : g_live)
 		free((void *)ct);
-	for (nf_conn *ct : g_quarantine)
-		release(ct);
+	for (nf_conn *ct : g_quarantine) {
+		unpoison(ct);
+		free(ct);
+	}
+	for (nf_conn *ct : g_cache) {
+		unpoison(ct);
+		free(ct);
+	}
 	g_live.clear();
+	g_cache.clear();
 	g_quarantined.clear();
 	g_quarantine.clear();
 	g_destroyed = 0;

@@ -102,17 +102,18 @@ long kmodel_neigh_destroyed(void); // entries destroyed since reset
 u32 kmodel_neigh_queued(const struct neighbour *n);
 
 // ---- connection tracking ----
-// A new entry; the tracking table holds one reference.
+// A new entry, zeroed; the tracking table holds one reference. Its memory
+// may be that of an entry destroyed long ago, as in the kernel's cache.
 struct nf_conn *kmodel_ct_new(void);
 // Attaches ct to skb->nfct with a reference of the buffer's own.
 void kmodel_ct_attach(struct sk_buff *skb, struct nf_conn *ct, int ctinfo);
 // Drops the table's reference (the entry times out).
 void kmodel_ct_remove(struct nf_conn *ct);
 // True for an entry destroyed recently: the last 4096 destroyed entries
-// stay allocated and poisoned, older ones are freed.
+// stay poisoned (all but white_mark), older ones are handed out again.
 bool kmodel_ct_destroyed(const struct nf_conn *ct);
 long kmodel_ct_destroy_count(void); // entries destroyed since reset
-long kmodel_ct_quarantined(void);   // destroyed entries not yet freed
+long kmodel_ct_quarantined(void);   // destroyed entries kept poisoned
 int kmodel_ct_refs(const struct nf_conn *ct);
 
 // ---- netlink ----
