@@ -4,6 +4,7 @@ BUILD ?= build
 FUZZ_BUILD ?= build-fuzz
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 5
+FUZZ_SANITIZERS ?= address,undefined
 ASAN_BUILD ?= build-asan
 MIPS_BUILD ?= build-mipsel
 
@@ -21,7 +22,8 @@ build: deps
 
 fuzz-build: deps
 	@CXX=clang++-14 CC=clang-14 cmake -S . -B $(FUZZ_BUILD) -G Ninja \
-		-DCMAKE_BUILD_TYPE=RelWithDebInfo -DDNSHOOK_FUZZERS=ON >/dev/null
+		-DCMAKE_BUILD_TYPE=RelWithDebInfo -DDNSHOOK_FUZZERS=ON \
+		-DDNSHOOK_FUZZ_SANITIZERS=$(FUZZ_SANITIZERS) >/dev/null
 	@cmake --build $(FUZZ_BUILD) -j $(JOBS)
 
 demo: build
