@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""dnshook-rated end to end, in a network namespace of the test's own: this
-script plays the filter's side of the channel (requests to group 1 of
-netlink unit 2, laid out as the filter lays them out) and compares every
-reply byte for byte with one built from the request, and the daemon's log
-lines whole. Usage: daemon_e2e.py BUILD_DIR. Exit 77 (skipped) where no
-network namespace can be made."""
+# dnshook-rated end to end, in a network namespace of the test's own: this
+# script plays the filter's side of the channel (requests to group 1 of
+# netlink unit 2, laid out as the filter lays them out) and compares every
+# reply byte for byte with one built from the request, and the daemon's log
+# lines whole. Usage: daemon_e2e.py BUILD_DIR. Exit 77 (skipped) where no
+# network namespace can be made.
 import os
 import signal
 import socket
@@ -44,8 +44,8 @@ def expect(what, want, got):
 
 
 def request(service, host, url="/", src="192.168.1.10", dst="93.184.216.34", ports=(40000, 80), mac=b"", family=None):
-    """A request record as the filter lays it out: kind, service, family,
-    addresses, ports, URL and host texts, MAC."""
+    # A request record as the filter lays it out: kind, service, family,
+    # addresses, ports, URL and host texts, MAC.
     af = socket.AF_INET6 if ":" in dst else socket.AF_INET
     fam = family if family is not None else (10 if af == socket.AF_INET6 else 2)
     addr = lambda a: socket.inet_pton(af, a).ljust(16, b"\0") if a else bytes(16)
@@ -54,8 +54,8 @@ def request(service, host, url="/", src="192.168.1.10", dst="93.184.216.34", por
 
 
 def reply(req, verdict, page=""):
-    """The reply as the channel's layout says: kind 1, the service plus one,
-    the header fields echoed, the verdict and the block page's address."""
+    # The reply as the channel's layout says: kind 1, the service plus one,
+    # the header fields echoed, the verdict and the block page's address.
     service = struct.unpack_from("=I", req, 4)[0] + 1
     return struct.pack("=II", 1, service) + req[8:48] + struct.pack("=I", verdict) + page.encode().ljust(524, b"\0")
 
@@ -89,7 +89,7 @@ port = sock.getsockname()[0]
 
 
 def send(payload, raw=False):
-    """One message to group 1: a netlink header (length, type 0, our port id) and the payload."""
+    # One message to group 1: a netlink header (length, type 0, our port id) and the payload.
     msg = payload if raw else struct.pack("=IHHII", 16 + len(payload), 0, 0, 0, port) + payload
     try:
         sock.sendto(msg.ljust((len(msg) + 3) & ~3, b"\0"), (0, 1))
@@ -106,7 +106,7 @@ def receive(secs=2.0):
 
 
 def ask(req):
-    """The daemon's answer: one datagram, its header saying 592 bytes of type 0; the payload."""
+    # The daemon's answer: one datagram, its header saying 592 bytes of type 0; the payload.
     send(req)
     got = receive() or bytes(16)
     expect("a reply's netlink header", (592, 592, 0), (len(got), *struct.unpack_from("=IH", got)))
