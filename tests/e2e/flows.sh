@@ -28,8 +28,7 @@ c0 - 2001:db8:100::40 none
 ROWS
 expect "WP: DNS over IPv6 still answers" 2001:db8:100::40 \
 	"$(c0 dig +short +time=2 +tries=1 @2001:db8:1::2 flow.test AAAA)"
-got=$(fetch "$NS_C0" allowed.test 2001:db8:100::10 /v6-web)
-expect "WP: HTTP over IPv6 still loads" "0 200 65536 " "$? $got"
+expect_fetch "WP: HTTP over IPv6 still loads" page "$NS_C0" allowed.test 2001:db8:100::10 /v6-web
 expect "WP: one rating per rated flow and page" 3 "$(status counters requests)"
 
 # Parental control alone.
@@ -62,8 +61,7 @@ grep -q 'nd_query failed' "$E2E_DIR/dnshookd.log" && e2e_fail "PC: the client's 
 # Time block, then an exemption through unblock_proc.
 echo "add $MAC_C0" >"$CTL/tblock_proc"
 expect "PC: the time-blocked device is cut off (flow)" "" "$(BANNER_TIMEOUT=2 banner "$NS_C0" 198.51.100.50)"
-FETCH_TIMEOUT=2 fetch "$NS_C0" allowed.test 198.51.100.10 /tb >/dev/null
-expect "PC: the time-blocked device is cut off (web)" 28 "$?"
+FETCH_TIMEOUT=2 expect_fetch "PC: the time-blocked device is cut off (web)" stall "$NS_C0" allowed.test 198.51.100.10 /tb
 expect "PC: another device is not" "$BANNER" "$(banner "$NS_C1" 198.51.100.50)"
 # A successful add returns -14: the writer sees "Bad address".
 err=$(printf '+|%s' "$MAC_C0" 2>&1 >"$CTL/unblock_proc")
@@ -72,8 +70,7 @@ left=$(status devices unblock)
 [[ $left =~ ^$MAC_C0\ (9000|8999)s$ ]] && e2e_ok "PC: the exemption is listed with 9000 s to run" ||
 	e2e_fail "PC: the exemption's line is [$left]"
 expect "PC: the exempted device is back (flow)" "$BANNER" "$(banner "$NS_C0" 198.51.100.50)"
-got=$(fetch "$NS_C0" allowed.test 198.51.100.10 /exempt)
-expect "PC: the exempted device is back (web)" "0 200 65536 " "$? $got"
+expect_fetch "PC: the exempted device is back (web)" page "$NS_C0" allowed.test 198.51.100.10 /exempt
 
 # The exemption expires after 900000 ticks: 9 s at HZ 100000.
 e2e_stop_dnshookd TERM

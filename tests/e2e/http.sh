@@ -16,26 +16,14 @@ echo 1 >"$CTL/wl_warning_page"
 
 # Warning page on: each row is family, site, address, expected answer.
 while read -r fam host addr want; do
-	path=/$fam-$host
-	got=$(fetch "$NS_C0" "$host" "$addr" "$path")
-	rc=$?
-	case $want in
-	page)
-		expect "$fam $host: whole page" "0 200 65536 " "$rc $got"
-		page_ok "$host" "$path" && e2e_ok "$fam $host: bytes as served" || e2e_fail "$fam $host: bytes differ"
-		expect "$fam $host: the server saw the request once" 1 \
-			"$(grep -c "\"GET $path HTTP" "$E2E_DIR/servers.log")"
-		;;
-	redirect)
-		expect "$fam $host: the block page's redirect" \
-			"0 302 0 http://blocked.lan/?host=$host&service=wp" "$rc $got"
-		;;
-	esac
+	expect_fetch "$fam $host" "$want" "$NS_C0" "$host" "$addr" "/$fam-$host"
+	[ "$want" = page ] && expect "$fam $host: the server saw the request once" 1 \
+		"$(grep -c "\"GET /$fam-$host HTTP" "$E2E_DIR/servers.log")"
 done <<'ROWS'
 ipv4 allowed.test 198.51.100.10 page
-ipv4 blocked.test 198.51.100.20 redirect
+ipv4 blocked.test 198.51.100.20 blocked
 ipv6 allowed.test 2001:db8:100::10 page
-ipv6 blocked.test 2001:db8:100::20 redirect
+ipv6 blocked.test 2001:db8:100::20 blocked
 ROWS
 
 # A replayed request leaves by the device it came in on: the LAN bridge.
@@ -62,14 +50,10 @@ echo 0 >"$CTL/wl_warning_page"
 echo 1 >"$CTL/pcg_proc"
 echo "add $MAC_C0" >"$CTL/tblock_proc"
 expect "the time block is listed" "$MAC_C0" "$(status devices tblock)"
-got=$(fetch "$NS_C0" white.test 198.51.100.30 /white)
-expect "white.test passes the time-blocked device" "0 200 65536 " "$? $got"
-page_ok white.test /white && e2e_ok "white.test: bytes as served" || e2e_fail "white.test: bytes differ"
+expect_fetch "white.test passes the time-blocked device" page "$NS_C0" white.test 198.51.100.30 /white
 expect "its connection is marked white" 1 "$(status tables white_connections)"
-got=$(FETCH_TIMEOUT=3 fetch "$NS_C0" allowed.test 198.51.100.10 /timeblocked)
-expect "allowed.test stalls for the time-blocked device" "28" "$?"
-got=$(fetch "$NS_C1" allowed.test 198.51.100.10 /other-device)
-expect "another device is not held back" "0 200 65536 " "$? $got"
+FETCH_TIMEOUT=3 expect_fetch "allowed.test stalls for the time-blocked device" stall "$NS_C0" allowed.test 198.51.100.10 /timeblocked
+expect_fetch "another device is not held back" page "$NS_C1" allowed.test 198.51.100.10 /other-device
 # white_mark lives with the kernel's connection: gone when it is destroyed.
 no_white() { test "$(status tables white_connections)" = 0; }
 start=$SECONDS

@@ -57,10 +57,8 @@ e2e_down() {
 	return 0
 }
 
-e2e_link() { # ns-a dev-a ns-b dev-b
-	ip link add "$2-$E2E_ID" type veth peer name "$4-$E2E_ID"
-	ip link set "$2-$E2E_ID" netns "$1"
-	ip link set "$4-$E2E_ID" netns "$3"
+e2e_link() { # ns-a dev-a ns-b dev-b: a veth pair, renamed inside
+	ip link add "$2-$E2E_ID" netns "$1" type veth peer name "$4-$E2E_ID" netns "$3"
 	in_ns "$1" ip link set "$2-$E2E_ID" name "$2"
 	in_ns "$3" ip link set "$4-$E2E_ID" name "$4"
 }
@@ -228,6 +226,23 @@ fetch() {
 	[[ $addr == *:* ]] && url="http://[$addr]$path"
 	in_ns "$ns" curl -sS -m "${FETCH_TIMEOUT:-5}" -H "Host: $host" -o "$E2E_DIR/body" \
 		-w '%{http_code} %{size_download} %{redirect_url}' "$@" "$url" 2>/dev/null
+}
+# expect_fetch WHAT WANT NS HOST ADDR PATH [curl options]: checks a fetch.
+# WANT "page": the whole page, its bytes as served; "stall": curl times
+# out; "blocked": the block page's redirect; else curl's status and output.
+expect_fetch() {
+	local what=$1 want=$2 got rc
+	shift 2
+	got=$(fetch "$@")
+	rc=$?
+	case $want in
+	page)
+		expect "$what" "0 200 65536 " "$rc $got"
+		page_ok "$2" "$4" && e2e_ok "$what: bytes as served" || e2e_fail "$what: bytes differ" ;;
+	stall) expect "$what" 28 "$rc" ;;
+	blocked) expect "$what" "0 302 0 http://blocked.lan/?host=$2&service=wp" "$rc $got" ;;
+	*) expect "$what" "$want" "$rc $got" ;;
+	esac
 }
 # page_ok HOST PATH: whether the last fetched body is the server's page.
 page_ok() {

@@ -38,6 +38,7 @@ TEST(Checksum, PublishedValues)
 	EXPECT_EQ(0x04030201u, (u32)csum_partial(w, 8, 0)); // + ffffffff with end-around carry
 	EXPECT_EQ(0x00000302u, (u32)csum_partial(w + 1, 2, 0));
 	EXPECT_EQ(0x04030202u, (u32)csum_partial(w, 4, 1));
+	EXPECT_EQ(0x04030201u, (u32)csum_partial(w, 4, 0xffffffff)); // the carry of adding the sum goes around
 }
 
 TEST(Checksum, FoldedSumsMatchAnIndependentSum)

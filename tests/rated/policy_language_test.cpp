@@ -15,45 +15,64 @@ namespace {
 
 const std::time_t utc_noon_monday = 1795435200; // Monday 2026-11-23 12:00 UTC: no window open
 
-// Which rule decides each question, for texts that exercise the grammar.
-TEST(PolicyLanguage, GrammarCorners)
+// Which rule decides each question, for texts that exercise the grammar
+// and for the shipped examples ("@FILE"), which decide as their comments say.
+TEST(PolicyLanguage, GrammarCornersAndExamples)
 {
+	setenv("TZ", "UTC0", 1);
+	tzset();
 	struct Case {
-		const char *what, *text, *host;
+		const char *text, *host;
 		Service service;
-		const char *rule; // Decision::rule
+		bool kids, flow;
+		const char *rule; // Decision::rule, after "FILE:" for the examples
 	};
 	const Case cases[] = {
-		{ "comments, blanks and tabs", "# top\n\n[wp]   # the warning page\n\tdefault\tblock  # all\n\n",
-		  "a.example", Service::wp, "t.policy:4: default block" },
-		{ "a '#' inside a word is no comment", "block-page http://b.lan/#x\n[wp]\nblock a.example/#c\n",
-		  "a.example", Service::wp, "no rule: pass" },
-		{ "CRLF line ends", "[wp]\r\nblock a.example\r\n", "A.example", Service::wp,
-		  "t.policy:2: block a.example" },
-		{ "a section opened twice adds to itself", "[wp]\ndefault block\n[pc]\n[wp]\npass a.example\n",
-		  "a.example", Service::wp, "t.policy:5: pass a.example" },
-		{ "the same rule twice is one rule", "[wp]\nblock a.example\nblock a.example\n", "a.example",
-		  Service::wp, "t.policy:2: block a.example" },
-		{ "words are joined by one space", "[pc]\n  block    a.example  \n", "x.a.example", Service::pc,
-		  "t.policy:2: block a.example" },
-		{ "no section for the service: pass", "[wp]\ndefault block\n", "a.example", Service::pc,
-		  "no rule: pass" },
-		{ "an empty file", "", "a.example", Service::wp, "no rule: pass" },
-		{ "a MAC with dashes and capitals", "[device 00-1A-22-33-44-55 tv]\ndefault block\n", "a.example",
-		  Service::pc, "t.policy:2: default block" },
+		// Comments, blanks and tabs; a '#' inside a word is no comment.
+		{ "# top\n\n[wp]   # the warning page\n\tdefault\tblock  # all\n\n", "a.example", Service::wp, false, false,
+		  "t.policy:4: default block" },
+		{ "block-page http://b.lan/#x\n[wp]\nblock a.example/#c\n", "a.example", Service::wp, false, false, "no rule: pass" },
+		{ "[wp]\r\nblock a.example\r\n", "A.example", Service::wp, false, false, "t.policy:2: block a.example" },
+		// A section opened twice adds to itself; the same rule twice is one.
+		{ "[wp]\ndefault block\n[pc]\n[wp]\npass a.example\n", "a.example", Service::wp, false, false,
+		  "t.policy:5: pass a.example" },
+		{ "[wp]\nblock a.example\nblock a.example\n", "a.example", Service::wp, false, false, "t.policy:2: block a.example" },
+		{ "[pc]\n  block    a.example  \n", "x.a.example", Service::pc, false, false, "t.policy:2: block a.example" },
+		{ "[wp]\ndefault block\n", "a.example", Service::pc, false, false, "no rule: pass" },
+		{ "", "a.example", Service::wp, false, false, "no rule: pass" },
+		{ "[device 00-1A-22-33-44-55 tv]\ndefault block\n", "a.example", Service::pc, true, false,
+		  "t.policy:2: default block" },
+		{ "@home.policy", "www.games.example.net", Service::wp, false, false, "block games.example.net" },
+		{ "@home.policy", "cdn.games.example.net", Service::wp, false, false, "pass cdn.games.example.net" },
+		{ "@home.policy", "homework.example.org", Service::pc, true, false, "white homework.example.org" },
+		{ "@home.policy", "www.wikipedia.example", Service::pc, true, false, "default block" },
+		{ "@home.policy", "203.0.113.66", Service::pc, false, true, "block 203.0.113.66" },
+		{ "@encrypted-dns.policy", "mozilla.cloudflare-dns.com", Service::wp, false, true, "block cloudflare-dns.com" },
+		{ "@encrypted-dns.policy", "dns11.quad9.net", Service::pc, true, true, "block dns11.quad9.net" },
+		{ "@encrypted-dns.policy", "[2001:4860:4860:0::8888]", Service::pc, true, true, "block 2001:4860:4860::8888" },
+		{ "@encrypted-dns.policy", "www.example.org", Service::pc, true, true, "default pass" },
 	};
 	for (const Case &c : cases) {
-		auto p = load(c.text);
-		ASSERT_NE(nullptr, p) << c.what;
-		policy::Mac tv = { 0x00, 0x1a, 0x22, 0x33, 0x44, 0x55 };
-		EXPECT_EQ(c.rule, p->decide(ask(c.service, c.host, "/", tv)).rule) << c.what;
+		std::vector<policy::Error> errors;
+		bool file = c.text[0] == '@';
+		auto p = file ? policy::Policy::load_file(std::string(DNSHOOK_SOURCE_DIR) + "/examples/" + (c.text + 1), errors)
+			      : load(c.text);
+		ASSERT_NE(nullptr, p) << c.text << (errors.empty() ? "" : errors[0].text());
+		// The kids' device in the examples; the tv in the grammar's text.
+		policy::Mac mac = { 0x00, file ? uint8_t(0x11) : uint8_t(0x1a), 0x22, 0x33, 0x44, 0x55 };
+		policy::Query q = ask(c.service, c.host, c.flow ? "/" : "/x", c.kids ? std::optional(mac) : std::nullopt,
+				      utc_noon_monday);
+		q.flow = c.flow;
+		std::string rule = p->decide(q).rule;
+		EXPECT_EQ(c.rule, file ? rule.substr(rule.find(": ") + 2) : rule) << c.text << " " << c.host;
 	}
 }
 
 TEST(PolicyLanguage, EveryErrorWithItsLine)
 {
 	struct Case {
-		const char *what, *text;
+		const char *what;
+		std::string text;
 		std::vector<std::string> errors;
 	};
 	const Case cases[] = {
@@ -104,16 +123,16 @@ TEST(PolicyLanguage, EveryErrorWithItsLine)
 		{ "bytes that are no UTF-8", "[wp]\n# caf\xc3\xa9 ok\nblock \xff\xfe.example\nfoo\n",
 		  { "t.policy:3: not a text file (bytes that are not UTF-8)" } },
 		{ "a truncated UTF-8 sequence at the end", "[wp]\n#\xe2\x82", { "t.policy:2: not a text file (bytes that are not UTF-8)" } },
+		{ "a NUL byte: one error for the whole file", std::string("[wp]\nblock a\0b\n\0\n", 16),
+		  { "t.policy:2: not a text file (NUL byte)" } },
+		{ "labels of 63 and 64 characters", "[wp]\nblock " + std::string(63, 'a') + ".x\nblock " + std::string(64, 'a') + "\n",
+		  { "t.policy:3: label longer than 63 characters in '" + std::string(64, 'a') + "'" } },
 	};
 	for (const Case &c : cases) {
 		std::vector<std::string> errors;
 		EXPECT_EQ(nullptr, load(c.text, &errors)) << c.what;
 		EXPECT_EQ(c.errors, errors) << c.what;
 	}
-	// A NUL byte: one error for the whole file.
-	std::vector<std::string> errors;
-	EXPECT_EQ(nullptr, load(std::string("[wp]\nblock a\0b\n\0\n", 16), &errors));
-	EXPECT_EQ(std::vector<std::string>{ "t.policy:2: not a text file (NUL byte)" }, errors);
 }
 
 TEST(PolicyLanguage, FilesThatCannotBeRead)
@@ -121,58 +140,12 @@ TEST(PolicyLanguage, FilesThatCannotBeRead)
 	const std::string dir = testing::TempDir() + "rated_files";
 	mkdir(dir.c_str(), 0700);
 	std::ofstream(dir + "/good.policy") << "[wp]\nblock a.example\n";
-	struct Case {
-		std::string path, error; // "" for a file that loads
-	};
-	const Case cases[] = {
-		{ dir + "/good.policy", "" },
-		{ dir + "/missing.policy", dir + "/missing.policy: cannot read: No such file or directory" },
-		{ dir, dir + ": cannot read: Is a directory" },
-	};
-	for (const Case &c : cases) {
+	for (auto [path, want] : { std::pair{ dir + "/good.policy", dir + "/good.policy:2: block a.example" },
+				   { dir + "/missing.policy", dir + "/missing.policy: cannot read: No such file or directory" },
+				   { dir, dir + ": cannot read: Is a directory" } }) {
 		std::vector<policy::Error> errors;
-		auto p = policy::Policy::load_file(c.path, errors);
-		EXPECT_EQ(c.error.empty(), p != nullptr) << c.path;
-		EXPECT_EQ(c.error, errors.empty() ? "" : errors[0].text()) << c.path;
-		if (p) {
-			EXPECT_EQ("good.policy:2: block a.example",
-				  p->decide(ask(Service::wp, "a.example")).rule.substr(dir.size() + 1));
-		}
-	}
-}
-
-// The shipped examples load, and decide as their comments say.
-TEST(PolicyLanguage, ExamplesLoadAndDecide)
-{
-	setenv("TZ", "UTC0", 1);
-	tzset();
-	const policy::Mac kids = { 0x00, 0x11, 0x22, 0x33, 0x44, 0x55 };
-	struct Case {
-		const char *file;
-		Service service;
-		bool kids, flow;
-		const char *host, *rule; // the rule's text after "FILE:LINE: "
-	};
-	const Case cases[] = {
-		{ "home.policy", Service::wp, false, false, "www.games.example.net", "block games.example.net" },
-		{ "home.policy", Service::wp, false, false, "cdn.games.example.net", "pass cdn.games.example.net" },
-		{ "home.policy", Service::pc, true, false, "homework.example.org", "white homework.example.org" },
-		{ "home.policy", Service::pc, true, false, "www.wikipedia.example", "default block" },
-		{ "home.policy", Service::pc, false, true, "203.0.113.66", "block 203.0.113.66" },
-		{ "encrypted-dns.policy", Service::wp, false, true, "mozilla.cloudflare-dns.com", "block cloudflare-dns.com" },
-		{ "encrypted-dns.policy", Service::pc, true, true, "dns11.quad9.net", "block dns11.quad9.net" },
-		{ "encrypted-dns.policy", Service::pc, true, true, "[2001:4860:4860:0::8888]", "block 2001:4860:4860::8888" },
-		{ "encrypted-dns.policy", Service::pc, true, true, "www.example.org", "default pass" },
-	};
-	for (const Case &c : cases) {
-		std::vector<policy::Error> errors;
-		auto p = policy::Policy::load_file(std::string(DNSHOOK_SOURCE_DIR) + "/examples/" + c.file, errors);
-		ASSERT_NE(nullptr, p) << c.file << ": " << (errors.empty() ? "" : errors[0].text());
-		policy::Query q = ask(c.service, c.host, c.flow ? "/" : "/x", c.kids ? std::optional(kids) : std::nullopt,
-				      utc_noon_monday);
-		q.flow = c.flow;
-		std::string rule = p->decide(q).rule;
-		EXPECT_EQ(c.rule, rule.substr(rule.find(": ") + 2)) << c.file << " " << c.host;
+		auto p = policy::Policy::load_file(path, errors);
+		EXPECT_EQ(want, p ? p->decide(ask(Service::wp, "a.example")).rule : errors.at(0).text());
 	}
 }
 

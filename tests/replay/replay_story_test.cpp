@@ -31,17 +31,13 @@ std::map<int, std::string> expect_decisions(std::initializer_list<Drops> drops, 
 	return d;
 }
 
-struct Asked {
-	std::string service, dst, host, url, mac, verdict;
-};
-
 TEST(ReplayStory, VerdictsAndRequestsPerService)
 {
-	const std::string games = "http://blocked.lan/?host=games.example.test&url=games.example.test%2F&service=";
+	const std::string L = " " + kLaptop + " ";
 	struct Case {
 		const char *service;
 		std::map<int, std::string> decisions;
-		std::vector<Asked> asked;
+		std::vector<std::string> asked; // service, server, host, URL, MAC; the verdict
 	} cases[] = {
 		// WP: the blocked site is answered with the block page and closed
 		// by the filter (the server's data after the client's ACK passes
@@ -51,42 +47,34 @@ TEST(ReplayStory, VerdictsAndRequestsPerService)
 		{"--wp",
 		 expect_decisions({{28, 30, "forward_hook"}, {32, 38, "forward_hook"}, {43, 52, "pct_forward_hook"},
 				   {55, 55, "pct_forward_hook"}, {78, 79, "pct_forward_hook"}}),
-		 {{"WP", "203.0.113.80", "news.example.test", "/", "", "PASS"},
-		  {"WP", "203.0.113.81", "games.example.test", "/", "", "BLOCK"},
-		  {"WP", "203.0.113.22", "chat.example.test", "", "", "BLOCK"},
-		  {"WP", "203.0.113.43", "secure.example.test", "", "", "PASS"},
-		  {"WP", "2001:db8:77::80", "www6.example.test", "/", "", "PASS"}}},
+		 {"WP 203.0.113.80 news.example.test /  PASS", "WP 203.0.113.81 games.example.test /  BLOCK",
+		  "WP 203.0.113.22 chat.example.test   BLOCK", "WP 203.0.113.43 secure.example.test   PASS",
+		  "WP 2001:db8:77::80 www6.example.test /  PASS"}},
 		// PC: the laptop's own rules; flows are rated per client with its
 		// MAC, the HTTPS site is blocked for good, the unresolved flow
 		// passes (no record, no time block).
 		{"--pc",
 		 expect_decisions({{28, 30, "forward_hook"}, {32, 38, "forward_hook"}, {43, 43, "https_forward_hook"},
 				   {55, 77, "https_forward_hook"}}),
-		 {{"PC", "203.0.113.80", "news.example.test", "/", kLaptop, "PASS"},
-		  {"PC", "203.0.113.81", "games.example.test", "/", kLaptop, "BLOCK"},
-		  {"PC", "203.0.113.22", "chat.example.test", "/", kLaptop, "PASS"},
-		  {"PC", "203.0.113.43", "secure.example.test", "/", kLaptop, "BLOCK"},
-		  {"PC", "2001:db8:77::80", "www6.example.test", "/", kLaptop, "PASS"}}},
+		 {"PC 203.0.113.80 news.example.test /" + L + "PASS", "PC 203.0.113.81 games.example.test /" + L + "BLOCK",
+		  "PC 203.0.113.22 chat.example.test /" + L + "PASS", "PC 203.0.113.43 secure.example.test /" + L + "BLOCK",
+		  "PC 2001:db8:77::80 www6.example.test /" + L + "PASS"}},
 	};
 	for (const Case &c : cases) {
 		SCOPED_TRACE(c.service);
 		Outcome r = run({c.service, "--json", "--policy", kPolicy, kStory});
 		ASSERT_EQ(0, r.rc) << r.err;
 		EXPECT_EQ(c.decisions, decisions(r));
-		std::vector<std::string> reqs = events(r, "request"), replies = events(r, "reply");
-		ASSERT_EQ(c.asked.size(), reqs.size());
-		ASSERT_EQ(c.asked.size(), replies.size());
-		for (size_t i = 0; i < reqs.size(); i++) {
-			const Asked &a = c.asked[i];
-			EXPECT_EQ(a.service + " " + a.dst + " " + a.host + " " + a.url + " " + a.mac + " " + a.verdict,
-				  field(reqs[i], "service") + " " + field(reqs[i], "dst") + " " + field(reqs[i], "host") + " " +
-					  field(reqs[i], "url") + " " + field(reqs[i], "mac") + " " + field(replies[i], "verdict"));
-		}
-		std::string redirect;
-		for (auto &s : events(r, "sent"))
-			if (field(s, "kind") == "redirect")
-				redirect = field(s, "location");
-		EXPECT_EQ(games + (c.service == std::string("--wp") ? "wp&device=" : "pc&device=laptop"), redirect);
+		std::vector<std::string> asked = events(r, "request", {"service", "dst", "host", "url", "mac"}),
+					 verdicts = events(r, "reply", {"verdict"});
+		ASSERT_EQ(asked.size(), verdicts.size());
+		for (size_t i = 0; i < asked.size(); i++)
+			asked[i] += " " + verdicts[i];
+		EXPECT_EQ(c.asked, asked);
+		std::vector<std::string> sent = events(r, "sent", {"kind", "location"});
+		EXPECT_EQ(1, std::count(sent.begin(), sent.end(),
+					"redirect http://blocked.lan/?host=games.example.test&url=games.example.test%2F&service=" +
+						std::string(c.service[2] == 'w' ? "wp&device=" : "pc&device=laptop")));
 	}
 }
 
@@ -257,10 +245,9 @@ TEST(ReplayStory, DelayedRepliesAndControlWritesAtCaptureTimes)
 	// held (every packet dropped while rating) until its reply at 0.929353.
 	Outcome late = run({"--wp", "--json", "--delay", "0.2", "--policy", kPolicy, kStory});
 	ASSERT_EQ(0, late.rc) << late.err;
-	std::vector<std::string> replies = events(late, "reply");
-	ASSERT_EQ(5u, replies.size());
-	EXPECT_EQ("0.537289", field(replies[0], "time"));
-	EXPECT_EQ("0.929353", field(replies[1], "time"));
+	std::vector<std::string> times = events(late, "reply", {"time"});
+	ASSERT_EQ(5u, times.size());
+	EXPECT_EQ("0.537289 0.929353", times[0] + " " + times[1]);
 	std::map<int, std::string> d = decisions(late);
 	for (int n = 28; n <= 38; n++)
 		EXPECT_EQ("forward_hook", d[n]) << "packet " << n;
@@ -269,10 +256,7 @@ TEST(ReplayStory, DelayedRepliesAndControlWritesAtCaptureTimes)
 	// from then on nothing is held or dropped.
 	Outcome off = run({"--wp", "--json", "--at", "0.5", "wl_warning_page=0", "--policy", kPolicy, kStory});
 	ASSERT_EQ(0, off.rc) << off.err;
-	std::vector<std::string> controls = events(off, "control");
-	ASSERT_EQ(2u, controls.size());
-	EXPECT_EQ("0.500000 wl_warning_page 0 1", field(controls[1], "time") + " " + field(controls[1], "file") + " " +
-							 field(controls[1], "text") + " " + field(controls[1], "result"));
+	EXPECT_EQ("0.500000 wl_warning_page 0 1", events(off, "control", {"time", "file", "text", "result"}).at(1));
 	EXPECT_EQ(1u, events(off, "request").size());
 	std::map<int, std::string> after = decisions(off);
 	for (int n = 22; n <= 95; n++)
@@ -303,8 +287,8 @@ TEST(ReplayStory, TicksFollowCaptureTimeAtTheGivenRate)
 		Outcome r = run({"--pc", "--json", "--hz", c.hz, "--at", "0", "unblock_proc=+|" + kLaptop, "--policy", kPolicy, path});
 		ASSERT_EQ(0, r.rc) << r.err;
 		std::string asked;
-		for (auto &q : events(r, "request"))
-			asked += field(q, "host") + " ";
+		for (auto &h : events(r, "request", {"host"}))
+			asked += h + " ";
 		EXPECT_EQ(c.asked, asked);
 		EXPECT_EQ(c.secure, decisions(r)[55]);
 	}

@@ -1,6 +1,6 @@
 #pragma once
-// Running dnshook-replay in-process over the story capture, and reading
-// its JSON lines back.
+// Running dnshook-replay in-process over the story capture, reading its
+// JSON lines back, and editing classic pcap files as bytes.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -23,15 +23,8 @@ inline const std::string kLaptop = "02:00:00:77:00:10";
 
 struct Outcome {
 	int rc = -1;
+	std::string out, err;
 	std::vector<std::string> lines; // stdout, one per line
-	std::string err;
-	std::string out() const
-	{
-		std::string s;
-		for (auto &l : lines)
-			s += l + "\n";
-		return s;
-	}
 };
 
 inline Outcome run(const std::vector<std::string> &args)
@@ -43,13 +36,13 @@ inline Outcome run(const std::vector<std::string> &args)
 	r.rc = replay::replay_main(args, o, e);
 	fclose(o);
 	fclose(e);
-	std::string out(obuf, olen);
+	r.out.assign(obuf, olen);
 	r.err.assign(ebuf, elen);
 	free(obuf);
 	free(ebuf);
-	for (size_t start = 0, nl; start < out.size(); start = nl + 1) {
-		nl = out.find('\n', start);
-		r.lines.push_back(out.substr(start, nl - start));
+	for (size_t start = 0, nl; start < r.out.size(); start = nl + 1) {
+		nl = r.out.find('\n', start);
+		r.lines.push_back(r.out.substr(start, nl - start));
 	}
 	return r;
 }
@@ -58,37 +51,33 @@ inline Outcome run(const std::vector<std::string> &args)
 // and objects as written; "" when the line has no such field.
 inline std::string field(const std::string &line, const std::string &key)
 {
-	std::string k = "\"" + key + "\":";
-	size_t at = line.find(k);
+	size_t at = line.find("\"" + key + "\":");
 	if (at == std::string::npos)
 		return "";
-	at += k.size();
+	at += key.size() + 3;
+	size_t end = at + 1;
 	if (line[at] == '"') {
-		size_t end = at + 1;
 		while (end < line.size() && line[end] != '"')
 			end += line[end] == '\\' ? 2 : 1;
 		return line.substr(at + 1, end - at - 1);
 	}
-	int depth = 0;
-	size_t end = at;
-	for (; end < line.size(); end++) {
-		char c = line[end];
-		if (c == '{')
-			depth++;
-		else if (c == '}' && depth-- == 0)
-			break;
-		else if (c == ',' && depth == 0)
-			break;
-	}
+	for (int depth = line[at] == '{'; end < line.size() && (depth > 0 || (line[end] != ',' && line[end] != '}')); end++)
+		depth += (line[end] == '{') - (line[end] == '}');
 	return line.substr(at, end - at);
 }
 
-inline std::vector<std::string> events(const Outcome &r, const std::string &kind)
+// Fields of the events of one kind, joined by spaces, one string per event.
+inline std::vector<std::string> events(const Outcome &r, const std::string &kind, std::vector<std::string> keys = {})
 {
 	std::vector<std::string> out;
-	for (auto &l : r.lines)
-		if (field(l, "event") == kind)
-			out.push_back(l);
+	for (auto &l : r.lines) {
+		if (field(l, "event") != kind)
+			continue;
+		std::string s = keys.empty() ? l : "";
+		for (size_t i = 0; i < keys.size(); i++)
+			s += (i ? " " : "") + field(l, keys[i]);
+		out.push_back(s);
+	}
 	return out;
 }
 
@@ -103,8 +92,7 @@ inline std::map<int, std::string> decisions(const Outcome &r)
 	return d;
 }
 
-// The story capture's frames (frame n at index n - 1), read by the test
-// support's own reader.
+// The story capture's frames (frame n at index n - 1), by the sim's reader.
 inline const std::vector<sim::Bytes> &story()
 {
 	static std::vector<sim::Bytes> frames;
@@ -114,7 +102,6 @@ inline const std::vector<sim::Bytes> &story()
 	return frames;
 }
 
-// ---- classic pcap files as bytes (little-endian, as the story is) ----
 inline sim::Bytes file_bytes(const std::string &path)
 {
 	std::ifstream f(path, std::ios::binary);
@@ -126,6 +113,7 @@ inline void write_bytes(const std::string &path, const sim::Bytes &b)
 	std::ofstream(path, std::ios::binary).write((const char *)b.data(), b.size());
 }
 
+// Little-endian 32-bit fields, as the story's headers are.
 inline void put32(sim::Bytes &b, size_t off, uint32_t v) { memcpy(&b[off], &v, 4); }
 inline uint32_t get32(const sim::Bytes &b, size_t off)
 {

@@ -1,14 +1,10 @@
-// The packet builders judged by tshark, and the router's traversal.
+// The packet builders judged by tshark (the simulated router itself is
+// followed by every hook test).
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "kmodel/host.h"
-#include "kmodel/net.h"
-#include "linux/if_ether.h"
-#include "linux/netfilter.h"
-#include "net/netfilter/nf_conntrack.h"
 #include "sim/pcap.h"
 #include "sim/router.h"
 #include "support/tshark.h"
@@ -75,58 +71,6 @@ TEST(Builders, TsharkValidatesChecksumsAndFields)
 	auto eth = tshark_lines({ether(kBr0Mac, kClientMac, pkts[0]), ether(kBr0Mac, kClientMac, pkts[2])},
 				PCAP_ETHERNET, { "eth.src", "eth.type", "tcp.checksum.status" });
 	EXPECT_EQ((std::vector<std::string>{"00:11:22:33:44:55\t0x0800\t1", "00:11:22:33:44:55\t0x86dd\t1"}), eth);
-}
-
-TEST(RouterSim, ForwardingTracksBothDirectionsInOneEntry)
-{
-	Router r;
-	Ip4 out{ .src = ip4("192.168.1.10"), .dst = ip4("93.184.216.34") }, back{ .src = out.dst, .dst = out.src };
-	Tcp c2s{ .sport = 40000, .dport = 80, .flags = SYN }, s2c{ .sport = 80, .dport = 40000, .flags = SYN | ACK };
-	struct dst_entry *d = r.route("0.0.0.0/0", r.wan(), KMODEL_OUT_HH, &kGatewayMac);
-
-	// Without the filter every packet passes unchanged, split or not.
-	Bytes p = ip4_tcp(out, c2s);
-	Verdict v = r.forward(p, r.br0(), r.wan(), kClientMac, 21);
-	EXPECT_TRUE(v.accepted());
-	EXPECT_EQ(unsigned(NF_INET_FORWARD), v.hook);
-	EXPECT_EQ(p, v.packet);
-	EXPECT_TRUE(r.forward(ip4_tcp(back, s2c), r.wan(), r.br0()).accepted());
-
-	struct nf_conn *ct = r.conntrack(p);
-	EXPECT_EQ(ct, r.conntrack(ip4_tcp(back, s2c)));
-	Tcp other = c2s;
-	other.sport = 40001;
-	EXPECT_NE(ct, r.conntrack(ip4_tcp(out, other)));
-	// The buffers are gone and with them their references.
-	EXPECT_EQ(0, kmodel_skb_stats_get().live);
-	EXPECT_EQ(1, kmodel_ct_refs(ct));
-	EXPECT_EQ(0, kmodel_dst_refs(d));
-	r.conntrack_expire_all();
-	EXPECT_TRUE(kmodel_ct_destroyed(ct));
-	EXPECT_TRUE(r.sent().empty());
-}
-
-// A hook that checks what the filter would see at FORWARD.
-unsigned int probe_hook(unsigned int, struct sk_buff *skb, const struct net_device *in,
-			const struct net_device *out, int (*)(struct sk_buff *))
-{
-	bool ok = skb->nfct && skb_dst(skb) && in && out && skb->dev == in &&
-		  memcmp(eth_hdr(skb)->h_source, kClientMac.data(), 6) == 0 &&
-		  skb_network_header(skb) == skb->data && skb->protocol == htons(ETH_P_IP);
-	return ok ? NF_DROP : NF_ACCEPT;
-}
-
-TEST(RouterSim, HooksSeeAFullyPreparedBuffer)
-{
-	Router r;
-	r.route("0.0.0.0/0", r.wan(), KMODEL_OUT_NONE);
-	static struct nf_hook_ops ops = { {}, probe_hook, nullptr, PF_INET, NF_INET_FORWARD, 0 };
-	ASSERT_EQ(0, nf_register_hook(&ops));
-	Verdict v = r.forward(ip4_tcp(Ip4{ .src = ip4("192.168.1.10"), .dst = ip4("1.1.1.1") }, Tcp{}), r.br0(), r.wan());
-	EXPECT_EQ(unsigned(NF_DROP), v.verdict);
-	EXPECT_TRUE(v.packet.empty());
-	EXPECT_EQ(0, kmodel_skb_stats_get().live);
-	nf_unregister_hook(&ops);
 }
 
 } // namespace
