@@ -122,7 +122,7 @@ TEST_F(HookTest, HttpVerdictsInBothFamiliesWithAndWithoutConntrack)
 			for (uint32_t verdict : { uint32_t(PASS), uint32_t(WHITE_PASS), 7u }) {
 				SCOPED_TRACE(testing::Message() << "v6 " << v6 << " tracked " << tracked << " verdict " << verdict);
 				r.set_tracking(tracked);
-				Conn c = conn(port++, v6);
+				Conn c = Conn(port++, v6);
 				handshake(c);
 				const Bytes request = c.up(sim::ACK | sim::PSH, get_request("v.example"));
 				ASSERT_TRUE(up(request).accepted());
@@ -150,7 +150,7 @@ TEST_F(HookTest, HttpPacketsRefreshTheirConnection)
 	services(true, false);
 	for (bool v6 : { false, true }) {
 		SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
-		Conn live = conn(43000, v6), idle = conn(43001, v6), next = conn(43002, v6);
+		Conn live = Conn(43000, v6), idle = Conn(43001, v6), next = Conn(43002, v6);
 		handshake(live);
 		handshake(idle);
 		r.advance(40000);
