@@ -324,18 +324,28 @@ TEST_F(HookTest, HttpFirstRequestByServiceDeviceListAndText)
 }
 
 // Replies that find nothing, come late, come twice, carry an unknown
-// verdict or nothing at all: nothing is sent or freed twice.
-TEST_F(HookTest, HttpLateDuplicateAndUnknownReplies)
+// verdict or nothing at all: nothing is sent or freed twice. The block
+// page's address is the record's bounded copy: a reply whose 512 address
+// bytes hold no NUL gives a Location of 511 characters. A slot that a new
+// connection takes over no longer holds the old connection's copy, so a
+// reply for the new one replays nothing.
+TEST_F(HookTest, HttpLateDuplicateUnknownAndUnboundedReplies)
 {
 	services(true, false);
-	Conn c;
-	handshake(c);
-	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, get_request("a.example"))).accepted());
-	auto reqs = requests();
-	ASSERT_EQ(1u, reqs.size());
-
+	const std::string request = get_request("a.example");
+	std::vector<rating_request> reqs;
+	Conn conns[3] = { Conn(40000), Conn(40001), Conn(40002) }, before = conns[1];
+	for (Conn &c : conns) {
+		handshake(c);
+		if (&c == &conns[1])
+			before = c;
+		ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, request)).accepted());
+		reqs.push_back(requests().at(0));
+	}
+	Conn &c = conns[0];
 	rating_request stranger = reqs[0];
 	stranger.src_port = htons(1);
+	kmodel_log_clear();
 	reply(stranger, PASS);
 	EXPECT_EQ(Lines{ "<7>[receive_from_user]: no tcp tracking found\n" }, kmodel_log());
 	// An unknown verdict still writes the block-page address, cut to fit.
@@ -344,12 +354,36 @@ TEST_F(HookTest, HttpLateDuplicateAndUnknownReplies)
 	EXPECT_EQ(STATE_RATING, record(c)->state);
 	EXPECT_NE(nullptr, record(c)->held_skb) << "an unknown verdict keeps the copy";
 
+	r.clear_sent();
 	for (uint32_t v : { PASS, PASS, BLOCK })
 		reply(reqs[0], v);
 	EXPECT_EQ(1u, to_server().size()) << "the held copy is replayed once";
 	EXPECT_TRUE(to_client().empty()) << "a late BLOCK has no copy to answer with";
 	EXPECT_EQ(STATE_REDIRECT, record(c)->state) << "the late reply still acts on the state";
+
+	rating_reply a = answer(reqs[1], BLOCK);
+	memset(a.redirect_url, 'v', sizeof(a.redirect_url));
+	r.clear_sent();
+	send(a);
+	auto got = to_client();
+	ASSERT_EQ(2u, got.size());
+	EXPECT_EQ(sim::hex(expected_redirect(before, request, std::string(511, 'v').c_str())), sim::hex(got[1]));
+
+	// The third connection waits for its verdict, expires, and its slot
+	// goes to the next connection; the reply for the new one finds no copy.
+	Conn next(41001);
+	struct tcp_tracking *slot = record(conns[2]);
+	ASSERT_NE(nullptr, slot->held_skb);
+	r.advance(60001);
+	ASSERT_TRUE(up(next.up(sim::SYN)).accepted());
+	ASSERT_EQ(slot, record(next));
+	EXPECT_EQ(nullptr, slot->held_skb);
 	EXPECT_EQ(0, kmodel_skb_stats_get().live);
+	rating_request for_next = reqs[2];
+	for_next.src_port = htons(next.cport);
+	r.clear_sent();
+	reply(for_next, PASS);
+	EXPECT_TRUE(r.sent().empty());
 
 	kmodel_log_clear();
 	rating_reply bad = {};
@@ -363,50 +397,6 @@ TEST_F(HookTest, HttpLateDuplicateAndUnknownReplies)
 			  "<3>[receive_from_user]: unexpected packet type incoming to hook, 1, 4\n",
 			  "<3>[receive_from_user]: unexpected packet type incoming to hook, 0, 0\n" }),
 		  kmodel_log());
-}
-
-// The block page's address is the record's bounded copy: a reply whose 512
-// address bytes hold no NUL gives a Location of 511 characters. A slot that
-// a new connection takes over no longer holds the old connection's copy, so
-// a reply for the new one replays nothing.
-TEST_F(HookTest, HttpBlockPageAddressIsBoundedAndReusedSlotsHoldNoCopy)
-{
-	services(true, false);
-	Conn c;
-	handshake(c);
-	const std::string request = get_request("a.example");
-	Conn before = c;
-	ASSERT_TRUE(up(c.up(sim::ACK | sim::PSH, request)).accepted());
-	auto reqs = requests();
-	ASSERT_EQ(1u, reqs.size());
-	rating_reply a = {};
-	memcpy(&a, &reqs[0], 48);
-	a.kind = RATING_KIND_REPLY, a.service = RATING_WP_REPLY, a.verdict = BLOCK;
-	memset(a.redirect_url, 'v', sizeof(a.redirect_url));
-	r.clear_sent();
-	send(a);
-	auto got = to_client();
-	ASSERT_EQ(2u, got.size());
-	EXPECT_EQ(sim::hex(expected_redirect(before, request, std::string(511, 'v').c_str())), sim::hex(got[1]));
-
-	// A connection waits for its verdict, expires, and its slot goes to
-	// the next connection; the reply for the new one finds no copy.
-	Conn old = Conn(41000), next = Conn(41001);
-	handshake(old);
-	ASSERT_TRUE(up(old.up(sim::ACK | sim::PSH, request)).accepted());
-	ASSERT_EQ(1u, requests().size());
-	struct tcp_tracking *slot = record(old);
-	ASSERT_NE(nullptr, slot->held_skb);
-	r.advance(60001);
-	ASSERT_TRUE(up(next.up(sim::SYN)).accepted());
-	ASSERT_EQ(slot, record(next));
-	EXPECT_EQ(nullptr, slot->held_skb);
-	EXPECT_EQ(0, kmodel_skb_stats_get().live);
-	rating_request for_next = reqs[0];
-	for_next.src_port = htons(next.cport);
-	r.clear_sent();
-	reply(for_next, PASS);
-	EXPECT_TRUE(r.sent().empty());
 }
 
 // Where the headers lie in the buffer does not decide whether a segment
@@ -455,35 +445,6 @@ TEST_F(HookTest, HttpHeadersOutsideTheLinearAreaAndLyingDataOffsets)
 	cut.resize(30);
 	cut[2] = 0, cut[3] = 30;
 	EXPECT_TRUE(up(cut).accepted());
-}
-
-// A table full of connections waiting for verdicts: the 101st takes over
-// the oldest, whose held copy goes with it; the others are still served.
-TEST_F(HookTest, HttpFullTableOfConnectionsWaitingForVerdicts)
-{
-	services(true, false);
-	std::vector<Conn> conns(101);
-	std::vector<rating_request> reqs;
-	for (size_t i = 0; i < conns.size(); i++) {
-		conns[i].cport = 20000 + i;
-		handshake(conns[i]);
-		ASSERT_TRUE(up(conns[i].up(sim::ACK | sim::PSH, get_request("h" + std::to_string(i)))).accepted());
-		auto got = requests();
-		ASSERT_EQ(1u, got.size());
-		reqs.push_back(got[0]);
-	}
-	EXPECT_EQ(0u, free_slots(tcp_table));
-	EXPECT_EQ(nullptr, record(conns[0])) << "the oldest was taken over";
-	EXPECT_EQ(100, kmodel_skb_stats_get().live) << "its held copy was freed with it";
-
-	kmodel_log_clear();
-	reply(reqs[0], PASS);
-	EXPECT_EQ(Lines{ "<7>[receive_from_user]: no tcp tracking found\n" }, kmodel_log());
-	for (size_t i = 1; i < reqs.size(); i++)
-		reply(reqs[i], i % 2 ? PASS : BLOCK);
-	EXPECT_EQ(50u, to_server().size());
-	EXPECT_EQ(100u, to_client().size()); // ACK and redirect for each block
-	EXPECT_EQ(0, kmodel_skb_stats_get().live);
 }
 
 // What the hook leaves alone, and how it reads a request.
