@@ -151,6 +151,18 @@ inline Expected http_request(const Conn &c, uint32_t service, const std::string 
 	return { service, uint16_t(c.v6 ? 10 : 2), src, dst, url, host, mac ? *mac : sim::Mac{}, c.cport, c.sport };
 }
 
+// The daemon's reply about a flow; an address of zeros is "0.0.0.0" or "::".
+inline rating_reply flow_reply(uint32_t service, const char *src, const char *dst, uint32_t verdict)
+{
+	rating_reply r = {};
+	Bytes s = addr(src), d = addr(dst);
+	r.kind = RATING_KIND_REPLY, r.service = service, r.verdict = verdict;
+	r.family = d.size() == 16 ? RATING_FAMILY_INET6 : RATING_FAMILY_INET;
+	memcpy(r.src_addr.raw, s.data(), s.size());
+	memcpy(r.dst_addr.raw, d.data(), d.size());
+	return r;
+}
+
 inline Bytes bytes(const rating_request &r) { return Bytes((const uint8_t *)&r, (const uint8_t *)&r + sizeof(r)); }
 inline std::string hex(const rating_request &r) { return sim::hex(bytes(r)); }
 

@@ -16,18 +16,6 @@ namespace {
 
 const uint32_t kC = sim::ip4(kClient), kS = sim::ip4(kServer);
 
-// A reply about a flow; an address of zeros is "0.0.0.0" or "::".
-rating_reply flow_reply(uint32_t service, const char *src, const char *dst, uint32_t verdict)
-{
-	rating_reply r = {};
-	Bytes s = addr(src), d = addr(dst);
-	r.kind = RATING_KIND_REPLY, r.service = service, r.verdict = verdict;
-	r.family = d.size() == 16 ? RATING_FAMILY_INET6 : RATING_FAMILY_INET;
-	memcpy(r.src_addr.raw, s.data(), s.size());
-	memcpy(r.dst_addr.raw, d.data(), d.size());
-	return r;
-}
-
 } // namespace
 
 TEST_F(HookTest, VerdictsForHttpsFlows)
