@@ -9,7 +9,6 @@
 #include "lists/tblock.h"
 #include "lists/unblock.h"
 #include "net/netfilter/nf_conntrack.h"
-#include "support/tshark.h"
 
 using namespace hooks_test;
 
@@ -77,8 +76,7 @@ TEST_F(HookTest, HttpPassReplaysTheHeldRequestInEveryMode)
 	}
 }
 
-// BLOCK: the client gets an ACK and the byte-exact redirect (tshark checks
-// the checksums), the server is reset, and the filter closes the
+// BLOCK: the client gets an ACK and the byte-exact redirect, the server is reset, and the filter closes the
 // connection with the client itself. Over IPv6 the dispatcher's ACK is the
 // IPv4 one and fails, and the last ACK does not count the client's FIN.
 TEST_F(HookTest, HttpBlockAnswersTheClientAndClosesTheConnection)
@@ -116,17 +114,6 @@ TEST_F(HookTest, HttpBlockAnswersTheClientAndClosesTheConnection)
 		EXPECT_EQ(STATE_REDIRECT, record(c)->state);
 		EXPECT_EQ(std::string(kBlockUrl), record(c)->redirect_url);
 		EXPECT_EQ(nullptr, record(c)->held_skb);
-
-		if (!v6 && have_tshark()) {
-			std::string pcap = testing::TempDir() + "http_block.pcap";
-			ASSERT_TRUE(sim::pcap_write(pcap, client_got, sim::PCAP_RAW_IP));
-			TsharkRows rows;
-			ASSERT_TRUE(tshark_fields(pcap, kTsharkCheckChecksums, "",
-						  { "ip.checksum.status", "tcp.checksum.status", "http.response.code",
-						    "http.location" },
-						  &rows));
-			EXPECT_EQ((TsharkRows{ { "1", "1", "", "" }, { "1", "1", "302", kBlockUrl } }), rows);
-		}
 
 		// The server's answer never reaches the client, and nothing of the
 		// client reaches the server any more.
