@@ -67,15 +67,10 @@ TEST(HttpTableInit, LayoutLogAndFailures)
 	kmodel_reset();
 	ASSERT_EQ(0, cbt_tcp_init());
 	EXPECT_EQ(Lines{ "<6>[cbt_tcp_init]: init tcp module ..\n" }, kmodel_log());
-	EXPECT_EQ(jiffies + 60000, tcp_next_sweep);
-	std::vector<int> order;
-	for (int i = 0; i < 100; i++)
-		order.push_back(i);
-	// Slot numbers and buffers are followed against the model in model_test.cpp.
+	// The free lists and the sweep deadline after init are followed against
+	// the model in model_test.cpp.
 	for (tcp_table_block *t : { tcp_table, tcp_table6 }) {
 		EXPECT_EQ(t->slots, t->slots_ptr);
-		EXPECT_EQ(order, view(&t->pool, t->slots).free_list);
-		check_invariant(&t->pool, t->slots);
 		EXPECT_EQ(99, t->slots[99].slot);
 		EXPECT_TRUE(kmodel_is_live(t->slots[99].req_buf));
 	}
