@@ -65,6 +65,8 @@ struct Conn : sim::Conversation {
 	}
 };
 
+inline Conn conn(uint16_t cport, bool v6 = false) { return Conn(cport, v6); }
+
 // A segment the filter forged, built independently of it: TTL 255,
 // identification 0 and DF over IPv4, except that the block page goes
 // without DF.

@@ -143,7 +143,7 @@ TEST_F(RatedE2E, FourKindsOfRequestAnsweredAndActedOn)
 
 	// HTTP over IPv6, PC, from the kids' device: white, the request replayed.
 	services(false, true);
-	Conn c6 = Conn(40200, true);
+	Conn c6 = conn(40200, true);
 	handshake(c6);
 	Bytes seg = c6.up(sim::ACK | sim::PSH, get_request("homework.example.org", "/maths"));
 	ASSERT_TRUE(up(seg).accepted());
