@@ -105,35 +105,26 @@ TEST(Lifecycle, LoadRegistersAlwaysOnHooksAndFiles)
 
 TEST(Lifecycle, UnloadWithServicesOffAndOn)
 {
-	{
+	for (bool on : { false, true }) {
 		sim::Router r;
 		ASSERT_EQ(0, r.load());
+		if (on) {
+			ASSERT_EQ(2, r.write_proc("wl_warning_page", "1\n"));
+			ASSERT_EQ(2, r.write_proc("pcg_proc", "1\n"));
+			EXPECT_EQ(3u, kmodel_nf_hooks(PF_INET, NF_INET_FORWARD).size());
+		}
 		kmodel_log_clear();
 		r.unload();
-		EXPECT_EQ(concat(kTablesFiniLog, { "<4>[wp_unhook]: hook already unregistered\n",
-						   "<4>[pcg_unhook]: hook already unregistered\n" }),
+		EXPECT_EQ(concat(kTablesFiniLog, on ? Lines{ "<6>[wp_unhook]: exit netfiler hook on demand\n",
+							     "<6>[pcg_unhook]: Parental Control => Disable\n" }
+						    : Lines{ "<4>[wp_unhook]: hook already unregistered\n",
+							     "<4>[pcg_unhook]: hook already unregistered\n" }),
 			  kmodel_log());
-		EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
-		EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
+		EXPECT_FALSE(kmodel_proc_exists("wl_warning_page") || kmodel_proc_exists("pcg_proc"));
 		for (int pf : { PF_INET, PF_INET6 })
 			for (unsigned h : { NF_INET_PRE_ROUTING, NF_INET_FORWARD })
 				EXPECT_TRUE(kmodel_nf_hooks(pf, h).empty());
-	}
-	{
-		sim::Router r;
-		ASSERT_EQ(0, r.load());
-		ASSERT_EQ(2, r.write_proc("wl_warning_page", "1\n"));
-		ASSERT_EQ(2, r.write_proc("pcg_proc", "1\n"));
-		EXPECT_EQ(3u, kmodel_nf_hooks(PF_INET, NF_INET_FORWARD).size());
-		kmodel_log_clear();
-		r.unload();
-		EXPECT_EQ(concat(kTablesFiniLog, { "<6>[wp_unhook]: exit netfiler hook on demand\n",
-						   "<6>[pcg_unhook]: Parental Control => Disable\n" }),
-			  kmodel_log());
-		EXPECT_TRUE(kmodel_nf_hooks(PF_INET, NF_INET_FORWARD).empty());
-		EXPECT_TRUE(kmodel_nf_hooks(PF_INET6, NF_INET_FORWARD).empty());
-		EXPECT_EQ(0, wp_enabled);
-		EXPECT_EQ(0, pc_enabled);
+		EXPECT_EQ(0, wp_enabled | pc_enabled);
 	}
 }
 
@@ -204,45 +195,38 @@ TEST(Lifecycle, RegistrationFailuresLeaveEarlierHooks)
 	}
 }
 
+// The third and fourth files are the switch files: -ENOMEM, the earlier
+// file and hooks are not unwound.
 TEST(Lifecycle, SwitchFileFailuresReturnNoMemory)
 {
-	{
+	for (int nth : { 3, 4 }) {
 		sim::Router r;
-		kmodel_fail_proc_create_nth(3); // after the two list files
+		kmodel_fail_proc_create_nth(nth);
 		EXPECT_EQ(-12, r.load());
 		EXPECT_EQ("<3>[create_proc]: create proc entry failed!\n", kmodel_log().back());
-		EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
+		EXPECT_EQ(nth == 4, kmodel_proc_exists("wl_warning_page"));
 		EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
 		EXPECT_EQ(2u, kmodel_nf_hooks(PF_INET, NF_INET_FORWARD).size() +
 				      kmodel_nf_hooks(PF_INET, NF_INET_PRE_ROUTING).size());
 	}
-	{
-		sim::Router r;
-		kmodel_fail_proc_create_nth(4);
-		EXPECT_EQ(-12, r.load());
-		EXPECT_TRUE(kmodel_proc_exists("wl_warning_page")); // not unwound
-		EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
-	}
 }
 
+// Bit 0 wins on create; remove looks at bit 0 only.
 TEST(Lifecycle, CreateAndRemoveProcBitSelection)
 {
 	kmodel_reset();
-	EXPECT_EQ(0, create_proc(0));
-	EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
-	EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
-
-	EXPECT_EQ(0, create_proc(3)); // bit 0 wins
-	EXPECT_TRUE(kmodel_proc_exists("wl_warning_page"));
-	EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
-	EXPECT_EQ(0, create_proc(2));
-	EXPECT_TRUE(kmodel_proc_exists("pcg_proc"));
-
-	remove_proc(3); // bit 1 is not looked at
-	EXPECT_FALSE(kmodel_proc_exists("wl_warning_page"));
-	EXPECT_TRUE(kmodel_proc_exists("pcg_proc"));
-	remove_proc(2);
-	EXPECT_FALSE(kmodel_proc_exists("pcg_proc"));
+	struct { bool create; int bits; bool wp, pc; } steps[] = {
+		{ true, 0, false, false }, { true, 3, true, false }, { true, 2, true, true },
+		{ false, 3, false, true }, { false, 2, false, false },
+	};
+	for (auto &st : steps) {
+		if (st.create)
+			EXPECT_EQ(0, create_proc(st.bits));
+		else
+			remove_proc(st.bits);
+		EXPECT_EQ(st.wp, kmodel_proc_exists("wl_warning_page")) << st.bits;
+		EXPECT_EQ(st.pc, kmodel_proc_exists("pcg_proc")) << st.bits;
+	}
 	EXPECT_TRUE(kmodel_log().empty());
 }
 

@@ -199,35 +199,38 @@ std::string random_request(std::mt19937 &rng)
 	return s;
 }
 
-// Both DNS decoders on the first len bytes of buf; buf holds room behind
-// the message, as the first name byte is read unbounded.
-int dns_agree(const Bytes &buf, int len, const std::string &what)
+// Both decoders of one kind on the same input, their records first filled
+// with the same junk: the result, or -100 when they differ.
+template <typename Info, typename In>
+int agree(int (*old)(In, int, Info *), int (*now)(In, int, Info *), In in, int len, const std::string &what)
 {
-	dns_info want, got;
+	Info want, got;
 	memset(&want, 0x5a, sizeof(want));
 	memset(&got, 0x5a, sizeof(got));
-	int rw = reference::old_decode_dns(buf.data(), len, &want);
-	int rg = decode_dns(buf.data(), len, &got);
+	int rw = old(in, len, &want), rg = now(in, len, &got);
 	EXPECT_EQ(rw, rg) << what;
 	EXPECT_EQ(0, memcmp(&want, &got, sizeof(want))) << what << ": records differ";
 	return rw != rg || memcmp(&want, &got, sizeof(want)) ? -100 : rg;
 }
 
-// Both HTTP decoders on the text in a zero-filled 2048-byte buffer.
+// The DNS decoders on the first len bytes of buf; buf holds room behind
+// the message, as the first name byte is read unbounded.
+int dns_agree(const Bytes &buf, int len, const std::string &what)
+{
+	return agree(reference::old_decode_dns, decode_dns, buf.data(), len, what);
+}
+
+// The HTTP decoders on the text in a zero-filled 2048-byte buffer, which
+// neither may change.
 int http_agree(const std::string &req, int len, const std::string &what)
 {
 	char buf[2048] = {};
-	memcpy(buf, req.data(), std::min(req.size(), sizeof(buf) - 1));
-	http_info want, got;
-	memset(&want, 0x5a, sizeof(want));
-	memset(&got, 0x5a, sizeof(got));
-	int rw = reference::old_decode_http(buf, len, &want);
-	int rg = decode_http(buf, len, &got);
-	EXPECT_EQ(std::string(buf, std::min(req.size(), sizeof(buf) - 1)), req.substr(0, sizeof(buf) - 1))
-		<< "input modified";
-	EXPECT_EQ(rw, rg) << what << ": " << testing::PrintToString(req);
-	EXPECT_EQ(0, memcmp(&want, &got, sizeof(want))) << what << ": " << testing::PrintToString(req);
-	return rw != rg || memcmp(&want, &got, sizeof(want)) ? -100 : rg;
+	const size_t n = std::min(req.size(), sizeof(buf) - 1);
+	memcpy(buf, req.data(), n);
+	int r = agree(reference::old_decode_http, decode_http, (const char *)buf, len,
+		      what + ": " + testing::PrintToString(req));
+	EXPECT_EQ(std::string(buf, n), req.substr(0, n)) << "input modified";
+	return r;
 }
 
 // Requests at the decoder's corners: methods, lengths short of the text,

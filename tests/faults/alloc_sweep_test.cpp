@@ -34,55 +34,42 @@ const std::set<std::string> kFailureLines = {
 };
 
 // One loaded router with the fixture's routes; the scenario runs on it.
-class Rig : public HookTest {
-public:
-	using HookTest::down;
-	using HookTest::r;
-	using HookTest::resolve;
-	using HookTest::services;
-	using HookTest::up;
+struct Rig : HookTest {
 	void TestBody() override {}
-	void start() { SetUp(); }
-	void stop() { TearDown(); }
-
 	// The daemon's answer to every request received so far. A reply the
 	// model cannot deliver (its own buffer refused) is a lost verdict.
-	void answer_all(uint32_t verdict, const char *url = kBlockUrl)
+	void answer_all(uint32_t verdict)
 	{
 		for (const rating_request &q : requests()) {
-			rating_reply a = {};
-			memcpy(&a, &q, 48);
-			a.kind = RATING_KIND_REPLY;
-			a.service = q.service + 1;
-			a.verdict = verdict;
-			strncpy(a.redirect_url, url, sizeof(a.redirect_url) - 1);
+			rating_reply a = answer(q, verdict, kBlockUrl);
 			peer.send(0, &a, sizeof(a));
 			received++;
 		}
+	}
+	void open(Conn &c)
+	{
+		up(c.up(sim::SYN));
+		down(c.down(sim::SYN | sim::ACK));
+		up(c.up(sim::ACK));
 	}
 	size_t received = 0;
 };
 
 // A whole HTTP conversation: handshake, request, the daemon's verdict,
-// the client's next segment and the closing handshake.
+// the client's next segment and the closing handshake; then a second
+// connection whose first segment is not a whole request.
 void http(Rig &t, bool v6, uint32_t verdict, bool wp, bool pc)
 {
 	t.services(wp, pc);
-	Conn c = conn(40000, v6);
-	t.up(c.up(sim::SYN));
-	t.down(c.down(sim::SYN | sim::ACK));
-	t.up(c.up(sim::ACK));
+	Conn c = Conn(40000, v6), d = Conn(40002, v6);
+	t.open(c);
 	t.up(c.up(sim::PSH | sim::ACK, get_request("blocked.example", "/x")));
 	t.answer_all(verdict);
 	t.up(c.up(sim::ACK));
 	t.down(c.down(sim::FIN | sim::ACK));
 	t.up(c.up(sim::FIN | sim::ACK));
 	t.down(c.down(sim::ACK));
-	// A second connection whose first segment is not a whole request.
-	Conn d = conn(40002, v6);
-	t.up(d.up(sim::SYN));
-	t.down(d.down(sim::SYN | sim::ACK));
-	t.up(d.up(sim::ACK));
+	t.open(d);
 	t.up(d.up(sim::PSH | sim::ACK, "GET /y HTTP/1.1\r\nHost: blocked.example\r\n"));
 	t.up(d.up(sim::PSH | sim::ACK, "\r\n"));
 	t.answer_all(verdict);
@@ -95,15 +82,14 @@ void flows(Rig &t, uint32_t verdict, bool wp, bool pc)
 {
 	t.services(wp, pc);
 	t.resolve("flow.example", { "93.184.216.50" }, { "2001:db8:2::50" });
-	for (const char *server : { "93.184.216.50", "2001:db8:2::50" }) {
-		const char *client = strchr(server, ':') ? "2001:db8:1::10" : kClient;
+	for (const char *server : { "93.184.216.50", "2001:db8:2::50" })
 		for (uint16_t port : { 443, 8443 }) {
+			const char *client = strchr(server, ':') ? "2001:db8:1::10" : kClient;
 			t.up(tcp(client, server, 41000, port, sim::SYN));
 			t.up(tcp(client, server, 41000, port, sim::ACK, { 0x16, 0x03, 0x01 }));
 			t.answer_all(verdict);
 			t.up(tcp(client, server, 41000, port, sim::ACK, { 'x' }));
 		}
-	}
 }
 
 // The list files: time blocks and exemptions added, looked up by traffic,
@@ -114,7 +100,7 @@ void lists(Rig &t)
 	t.r.write_proc("tblock_proc", "add 00:11:22:33:44:66\n");
 	t.r.write_proc("unblock_proc", "+|00:11:22:33:44:55");
 	t.r.write_proc("unblock_proc", "+|00:11:22:33:44:77|http://a.example/");
-	Conn c = conn(40000);
+	Conn c = Conn(40000);
 	t.up(c.up(sim::SYN), kClient2Mac);
 	t.up(c.up(sim::SYN));
 	t.r.write_proc("tblock_proc", "del 00:11:22:33:44:66\n");
@@ -122,7 +108,6 @@ void lists(Rig &t)
 }
 
 struct Outcome {
-	long allocs = 0, buffers = 0; // made while the scenario ran
 	long failed = 0;              // refused, both pools
 	long blocks_left = 0, buffers_left = 0; // live after unload
 	long held = 0;                // held copies in the HTTP slots at unload
@@ -136,20 +121,16 @@ Outcome run(const std::function<void(Rig &)> &scenario, Pool pool, long nth)
 {
 	Outcome o;
 	Rig t;
-	t.start();
+	t.SetUp();
 	auto a0 = kmodel_alloc_stats_get();
 	auto s0 = kmodel_skb_stats_get();
-	if (pool == Pool::kmalloc)
-		kmodel_fail_alloc_nth(nth);
-	if (pool == Pool::skb)
-		kmodel_fail_skb_alloc_nth(nth);
+	kmodel_fail_alloc_nth(pool == Pool::kmalloc ? nth : 0);
+	kmodel_fail_skb_alloc_nth(pool == Pool::skb ? nth : 0);
 	scenario(t);
 	kmodel_fail_alloc_nth(0);
 	kmodel_fail_skb_alloc_nth(0);
 	auto a1 = kmodel_alloc_stats_get();
 	auto s1 = kmodel_skb_stats_get();
-	o.allocs = a1.total_allocs - a0.total_allocs;
-	o.buffers = s1.total_allocs - s0.total_allocs;
 	o.failed = (a1.failed_allocs - a0.failed_allocs) + (s1.failed_allocs - s0.failed_allocs);
 	o.requests = t.received;
 	o.log = kmodel_log();
@@ -159,7 +140,7 @@ Outcome run(const std::function<void(Rig &)> &scenario, Pool pool, long nth)
 			if (rec.held_skb && kmodel_skb_is_live(rec.held_skb))
 				held.insert(rec.held_skb);
 	o.held = (long)held.size();
-	t.stop();
+	t.TearDown();
 	o.blocks_left = kmodel_alloc_stats_get().live_blocks;
 	o.buffers_left = kmodel_skb_stats_get().live;
 	return o;

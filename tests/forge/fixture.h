@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "kmodel/host.h"
@@ -116,25 +117,23 @@ inline sim::Ip6 client_ip6(std::vector<sim::Ext6> ext = {})
 }
 
 // What a reverse rebuild of (ip, t) must look like: ends swapped, TTL 255,
-// identification 0 and DF over IPv4, the window kept, no options.
-inline Bytes reply4(sim::Ip4 ip, const sim::Tcp &t, uint8_t flags, uint32_t ack)
+// identification 0 and DF over IPv4 (hop limit 64 over IPv6), the window
+// kept, no options.
+template <typename Ip> Bytes reply(Ip ip, const sim::Tcp &t, uint8_t flags, uint32_t ack)
 {
 	std::swap(ip.src, ip.dst);
-	ip.ttl = 255, ip.id = 0, ip.frag = 0x4000;
 	sim::Tcp o;
 	o.sport = t.dport, o.dport = t.sport, o.seq = t.ack, o.ack = ack;
 	o.flags = flags, o.window = t.window, o.urg_ptr = 0;
-	return sim::ip4_tcp(ip, o);
+	if constexpr (std::is_same_v<Ip, sim::Ip6>) {
+		ip.hop_limit = 64;
+		return sim::ip6_tcp(ip, o);
+	} else {
+		ip.ttl = 255, ip.id = 0, ip.frag = 0x4000;
+		return sim::ip4_tcp(ip, o);
+	}
 }
-
-inline Bytes reply6(sim::Ip6 ip, const sim::Tcp &t, uint8_t flags, uint32_t ack)
-{
-	std::swap(ip.src, ip.dst);
-	ip.hop_limit = 64;
-	sim::Tcp o;
-	o.sport = t.dport, o.dport = t.sport, o.seq = t.ack, o.ack = ack;
-	o.flags = flags, o.window = t.window, o.urg_ptr = 0;
-	return sim::ip6_tcp(ip, o);
-}
+inline Bytes reply4(const sim::Ip4 &ip, const sim::Tcp &t, uint8_t flags, uint32_t ack) { return reply(ip, t, flags, ack); }
+inline Bytes reply6(const sim::Ip6 &ip, const sim::Tcp &t, uint8_t flags, uint32_t ack) { return reply(ip, t, flags, ack); }
 
 } // namespace forge_test

@@ -41,36 +41,31 @@ inline const sim::Addr6 kClient6 = sim::ip6("2001:db8:1::10"), kServer6 = sim::i
 inline const char kBlockUrl[] = "http://block.example/deny?c=7";
 
 // ---- packets between addresses given as text (IPv6 when they hold ':') ----
-inline Bytes packet(bool udp, const char *src, const char *dst, uint16_t sport, uint16_t dport, uint8_t flags,
-		    const Bytes &payload)
+inline Bytes tcp(const char *src, const char *dst, uint16_t sport, uint16_t dport, uint8_t flags = sim::ACK,
+		 const Bytes &payload = {}, bool udp = false)
 {
 	sim::Tcp t;
-	t.sport = sport;
-	t.dport = dport;
-	t.flags = flags;
-	t.payload = payload;
+	t.sport = sport, t.dport = dport, t.flags = flags, t.payload = payload;
 	return sim::l4_packet(udp, src, dst, t);
 }
 inline Bytes udp(const char *src, const char *dst, uint16_t sport, uint16_t dport, const Bytes &payload)
 {
-	return packet(true, src, dst, sport, dport, 0, payload);
-}
-inline Bytes tcp(const char *src, const char *dst, uint16_t sport, uint16_t dport, uint8_t flags = sim::ACK,
-		 const Bytes &payload = {})
-{
-	return packet(false, src, dst, sport, dport, flags, payload);
+	return tcp(src, dst, sport, dport, 0, payload, true);
 }
 
 // One TCP connection between the first client and the server; the
 // client's sequence number wraps early in the conversation.
 struct Conn : sim::Conversation {
-	Conn()
+	explicit Conn(uint16_t port = 40000, bool six = false)
 	{
 		client = sim::ip4(kClient), server = sim::ip4(kServer);
 		client6 = kClient6, server6 = kServer6;
 		cseq = 0xfffffff0, sseq = 0x10000000;
+		cport = port, v6 = six;
 	}
 };
+
+inline Conn conn(uint16_t cport, bool v6 = false) { return Conn(cport, v6); }
 
 // A segment the filter forged, built independently of it: TTL 255,
 // identification 0 and DF over IPv4, except that the block page goes
@@ -86,22 +81,10 @@ inline Bytes forged(const Conn &c, bool to_client, uint8_t flags, uint32_t seq, 
 	return c.segment(!to_client, t, ip);
 }
 
-inline Conn conn(uint16_t cport, bool v6 = false)
-{
-	Conn c;
-	c.cport = cport;
-	c.v6 = v6;
-	return c;
-}
 
 inline std::string get_request(const std::string &host, const std::string &path = "/")
 {
 	return "GET " + path + " HTTP/1.1\r\nHost: " + host + "\r\nUser-Agent: test\r\n\r\n";
-}
-
-inline Bytes expected_bare(const Conn &c, bool to_client, uint8_t flags, uint32_t seq, uint32_t ack)
-{
-	return forged(c, to_client, flags, seq, ack);
 }
 
 // The redirect for a request segment: server to client, sequence = the
@@ -170,6 +153,18 @@ inline Expected http_request(const Conn &c, uint32_t service, const std::string 
 	return { service, uint16_t(c.v6 ? 10 : 2), src, dst, url, host, mac ? *mac : sim::Mac{}, c.cport, c.sport };
 }
 
+// The daemon's reply about a flow; an address of zeros is "0.0.0.0" or "::".
+inline rating_reply flow_reply(uint32_t service, const char *src, const char *dst, uint32_t verdict)
+{
+	rating_reply r = {};
+	Bytes s = addr(src), d = addr(dst);
+	r.kind = RATING_KIND_REPLY, r.service = service, r.verdict = verdict;
+	r.family = d.size() == 16 ? RATING_FAMILY_INET6 : RATING_FAMILY_INET;
+	memcpy(r.src_addr.raw, s.data(), s.size());
+	memcpy(r.dst_addr.raw, d.data(), d.size());
+	return r;
+}
+
 inline Bytes bytes(const rating_request &r) { return Bytes((const uint8_t *)&r, (const uint8_t *)&r + sizeof(r)); }
 inline std::string hex(const rating_request &r) { return sim::hex(bytes(r)); }
 
@@ -189,12 +184,6 @@ struct DnsView {
 	int state, addrs; // addrs: slots with a family
 	bool operator==(const DnsView &) const = default;
 };
-inline void PrintTo(const PctView &v, std::ostream *os) { *os << v.addr << " " << v.host << " " << v.state << " " << v.keep; }
-inline void PrintTo(const SslView &v, std::ostream *os)
-{
-	*os << v.client << " " << v.server << " " << v.host << " " << v.state << " " << v.trust;
-}
-inline void PrintTo(const DnsView &v, std::ostream *os) { *os << v.name << " " << v.client << " " << v.state << " " << v.addrs; }
 
 inline std::string text(const void *a, bool v6 = false)
 {
@@ -256,7 +245,7 @@ inline size_t free_slots(struct tcp_table_block *t)
 
 // ---- the router ----
 class HookTest : public ::testing::Test {
-protected:
+public:
 	void SetUp() override
 	{
 		ASSERT_EQ(0, r.load());
@@ -363,7 +352,7 @@ protected:
 		EXPECT_EQ(sim::hex(expected_request(want)), hex(reqs[0]));
 		return reqs[0];
 	}
-	void reply(const rating_request &req, uint32_t verdict, const char *url = "")
+	static rating_reply answer(const rating_request &req, uint32_t verdict, const char *url = "")
 	{
 		rating_reply a = {};
 		memcpy(&a, &req, 48);
@@ -371,8 +360,9 @@ protected:
 		a.service = req.service + 1;
 		a.verdict = verdict;
 		strncpy(a.redirect_url, url, sizeof(a.redirect_url) - 1);
-		send(a);
+		return a;
 	}
+	void reply(const rating_request &req, uint32_t verdict, const char *url = "") { send(answer(req, verdict, url)); }
 	void send(const rating_reply &a) { ASSERT_EQ(int(16 + sizeof(a)), peer.send(0, &a, sizeof(a))); }
 
 	sim::Router r;

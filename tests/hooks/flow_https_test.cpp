@@ -150,13 +150,7 @@ TEST_F(HttpsHook, ExemptionsTimeBlocksAndConntrackInBothFamilies)
 		EXPECT_EQ(Lines{}, lines());
 		EXPECT_TRUE(requests().empty());
 		// Passed by the daemon, it is trusted, but still needs an entry.
-		rating_reply pass = {};
-		pass.kind = RATING_KIND_REPLY, pass.service = RATING_PC_REPLY, pass.verdict = PASS;
-		pass.family = v6 ? RATING_FAMILY_INET6 : RATING_FAMILY_INET;
-		Bytes ca = addr(f.client), sa = addr(f.server);
-		memcpy(pass.src_addr.raw, ca.data(), ca.size());
-		memcpy(pass.dst_addr.raw, sa.data(), sa.size());
-		send(pass);
+		send(flow_reply(RATING_PC_REPLY, f.client, f.server, PASS));
 		EXPECT_TRUE(dropped(up(recorded)));
 		r.set_tracking(true);
 		EXPECT_TRUE(up(recorded).accepted());

@@ -25,54 +25,48 @@ protected:
 
 } // namespace
 
+// Twelve bytes are no DNS message; the UDP length may reach the end of the
+// IP packet, not beyond; a datagram or segment without its whole header is
+// dropped. Headers outside the linear area are pulled in and read (the UDP
+// length is made linear from the IP header). br1, "br10" (three characters
+// decide) and a packet out by the device it came in on are not filtered.
 TEST_F(PctHook, DnsHttpAndTheSecondBridgeAreLeftAlone)
 {
-	// No server resolved at all.
-	EXPECT_TRUE(up(udp(kClient, kResolver, 40001, 53, Bytes(13))).accepted());
-	EXPECT_TRUE(down(udp(kResolver, kClient, 53, 40001, Bytes(13))).accepted());
-	// Twelve bytes are no DNS message: judged by the table.
-	EXPECT_TRUE(dropped(up(udp(kClient, kResolver, 40001, 53, Bytes(12)))));
-	// The UDP length may reach the end of the IP packet, not beyond; a
-	// datagram without its whole UDP header is no DNS.
-	sim::Ip4 ip;
-	ip.src = sim::ip4(kClient), ip.dst = sim::ip4(kResolver);
-	sim::Udp u;
-	u.sport = 40001, u.dport = 53, u.payload = Bytes(20);
-	for (int extra : { 20, 21 })
-		for (size_t linear : { 24, 100 }) {
-			u.length_override = 8 + 20 + extra;
-			EXPECT_EQ(extra == 20, r.forward(sim::ip4_udp(ip, u), lan, r.wan(), sim::kClientMac, linear).accepted())
-				<< extra << " " << linear;
-		}
-	for (bool is_udp : { true, false }) {
-		Bytes cut = is_udp ? udp(kClient, kResolver, 40001, 53, Bytes(20)) : tcp(kClient, kServer, 40000, 80);
-		cut.resize(24);
-		cut[2] = 0, cut[3] = 24;
-		EXPECT_TRUE(dropped(up(cut))) << is_udp;
-	}
-	// Headers outside the linear area are pulled in and read: with only
-	// the IP header linear, DNS and HTTP are still recognised (the UDP
-	// length is made linear from the IP header, so 20 bytes of this
-	// message are).
-	for (size_t linear : { 20, 24 }) {
-		EXPECT_TRUE(r.forward(udp(kClient, kResolver, 40001, 53, Bytes(40)), lan, r.wan(), sim::kClientMac, linear)
-				    .accepted()) << linear;
-		EXPECT_TRUE(r.forward(tcp(kClient, kServer, 40000, 80), lan, r.wan(), sim::kClientMac, linear).accepted())
-			<< linear;
-	}
-	EXPECT_TRUE(up(tcp(kClient, kServer, 40000, 80)).accepted());
-	EXPECT_TRUE(down(tcp(kServer, kClient, 80, 40000)).accepted());
-
-	auto tls = tcp(kClient, kServer, 40000, 443);
-	EXPECT_TRUE(dropped(up(tls)));
-	EXPECT_TRUE(r.forward(tls, r.br1(), r.wan()).accepted());
-	EXPECT_TRUE(r.forward(tls, r.wan(), r.br1()).accepted());
-	// Three characters decide: "br10" is the second bridge too.
+	auto udp_len = [](int extra) {
+		sim::Ip4 ip;
+		ip.src = sim::ip4(kClient), ip.dst = sim::ip4(kResolver);
+		sim::Udp u;
+		u.sport = 40001, u.dport = 53, u.payload = Bytes(20), u.length_override = 8 + 20 + extra;
+		return sim::ip4_udp(ip, u);
+	};
+	auto cut = [](Bytes p) {
+		p.resize(24);
+		p[2] = 0, p[3] = 24;
+		return p;
+	};
 	const uint8_t m[6] = { 2, 0, 0, 0, 0, 9 };
-	struct net_device *br10 = kmodel_dev_add("br10", m);
-	EXPECT_TRUE(r.forward(tls, br10, r.wan()).accepted());
-	// Out by the device it came in on: not filtered.
-	EXPECT_TRUE(r.forward(tls, r.br0(), r.br0()).accepted());
+	struct net_device *br0 = r.br0(), *br1 = r.br1(), *wan = r.wan(), *br10 = kmodel_dev_add("br10", m);
+	const Bytes tls = tcp(kClient, kServer, 40000, 443), dns40 = udp(kClient, kResolver, 40001, 53, Bytes(40));
+	const Bytes http = tcp(kClient, kServer, 40000, 80);
+	const size_t all = SIZE_MAX;
+	struct { Bytes p; struct net_device *in, *out; size_t linear; bool pass; } rows[] = {
+		{ udp(kClient, kResolver, 40001, 53, Bytes(13)), br0, wan, all, true },
+		{ udp(kResolver, kClient, 53, 40001, Bytes(13)), wan, br0, all, true },
+		{ udp(kClient, kResolver, 40001, 53, Bytes(12)), br0, wan, all, false },
+		{ udp_len(20), br0, wan, 24, true }, { udp_len(20), br0, wan, 100, true },
+		{ udp_len(21), br0, wan, 24, false }, { udp_len(21), br0, wan, 100, false },
+		{ cut(udp(kClient, kResolver, 40001, 53, Bytes(20))), br0, wan, all, false },
+		{ cut(http), br0, wan, all, false },
+		{ dns40, br0, wan, 20, true }, { dns40, br0, wan, 24, true },
+		{ http, br0, wan, 20, true }, { http, br0, wan, 24, true }, { http, br0, wan, all, true },
+		{ tcp(kServer, kClient, 80, 40000), wan, br0, all, true },
+		{ tls, br0, wan, all, false }, { tls, br1, wan, all, true }, { tls, wan, br1, all, true },
+		{ tls, br10, wan, all, true }, { tls, br0, br0, all, true },
+	};
+	for (auto &k : rows) {
+		sim::Verdict v = r.forward(k.p, k.in, k.out, k.in == wan ? sim::kGatewayMac : sim::kClientMac, k.linear);
+		EXPECT_TRUE(k.pass ? v.accepted() : dropped(v)) << "row " << (&k - rows);
+	}
 	EXPECT_TRUE(requests().empty());
 	EXPECT_EQ(Lines{}, kmodel_log());
 }

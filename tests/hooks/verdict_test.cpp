@@ -16,18 +16,6 @@ namespace {
 
 const uint32_t kC = sim::ip4(kClient), kS = sim::ip4(kServer);
 
-// A reply about a flow; an address of zeros is "0.0.0.0" or "::".
-rating_reply flow_reply(uint32_t service, const char *src, const char *dst, uint32_t verdict)
-{
-	rating_reply r = {};
-	Bytes s = addr(src), d = addr(dst);
-	r.kind = RATING_KIND_REPLY, r.service = service, r.verdict = verdict;
-	r.family = d.size() == 16 ? RATING_FAMILY_INET6 : RATING_FAMILY_INET;
-	memcpy(r.src_addr.raw, s.data(), s.size());
-	memcpy(r.dst_addr.raw, d.data(), d.size());
-	return r;
-}
-
 } // namespace
 
 TEST_F(HookTest, VerdictsForHttpsFlows)
@@ -122,7 +110,7 @@ TEST_F(HookTest, HttpVerdictsInBothFamiliesWithAndWithoutConntrack)
 			for (uint32_t verdict : { uint32_t(PASS), uint32_t(WHITE_PASS), 7u }) {
 				SCOPED_TRACE(testing::Message() << "v6 " << v6 << " tracked " << tracked << " verdict " << verdict);
 				r.set_tracking(tracked);
-				Conn c = conn(port++, v6);
+				Conn c = Conn(port++, v6);
 				handshake(c);
 				const Bytes request = c.up(sim::ACK | sim::PSH, get_request("v.example"));
 				ASSERT_TRUE(up(request).accepted());
@@ -150,7 +138,7 @@ TEST_F(HookTest, HttpPacketsRefreshTheirConnection)
 	services(true, false);
 	for (bool v6 : { false, true }) {
 		SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
-		Conn live = conn(43000, v6), idle = conn(43001, v6), next = conn(43002, v6);
+		Conn live = Conn(43000, v6), idle = Conn(43001, v6), next = Conn(43002, v6);
 		handshake(live);
 		handshake(idle);
 		r.advance(40000);

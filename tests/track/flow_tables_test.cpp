@@ -82,27 +82,6 @@ protected:
 	}
 };
 
-// Each table's line when its block cannot be allocated (the fini lines are
-// checked by the unload tests of tests/core).
-TEST(TableInit, FailureLines)
-{
-	struct { int (*init)(void); const char *line; } cases[] = {
-		{ dns_init, "<3>[dns_init]: Init DNS module failed\n\n" },
-		{ pct_init, "<3>[pct_init]: init pct module failed\n" },
-		{ pct6_init, "<3>[pct6_init]: init pct module failed\n" },
-		{ ssl_init, "<3>[ssl_init]: init ssl moudle failed!\n" },
-		{ ssl6_init, "<3>[ssl6_init]: init ssl6 moudle failed!\n" },
-	};
-	for (auto &c : cases) {
-		kmodel_reset();
-		kmodel_fail_alloc_nth(1);
-		EXPECT_EQ(-1, c.init());
-		EXPECT_EQ(Lines{ c.line }, kmodel_log());
-	}
-	EXPECT_EQ(nullptr, dns_table);
-	EXPECT_EQ(nullptr, ssl6_table);
-}
-
 TEST_F(Tables, DnsCacheMatchesPrefixesAndKeepsOneEntryPerQuery)
 {
 	EXPECT_EQ(nullptr, dns_find("www.example.com"));

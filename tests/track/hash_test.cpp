@@ -3,8 +3,6 @@
 // the one-word Jenkins hash against lookup2 as published.
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "kmodel/host.h"
 #include "reference.h"
 #include "track/dns_table.h"
@@ -29,16 +27,16 @@ TEST(TableHash, DnsNameHashTakesBytesAsSigned)
 
 TEST(TableHash, FlowHashIsTheSeededLookup2Mix)
 {
-	std::mt19937 rng(7);
-	for (u32 seed : { 0u, 1u, 4u, 0x12345678u, 0xfffffffcu, 0xdeadbeefu }) {
+	// The seeded mix (placement of every key) is followed by the table model;
+	// here the seed's other values, on a few addresses.
+	for (u32 seed : { 0u, 0xfffffffcu, 0xdeadbeefu }) {
 		pct_hash_seed = pct6_hash_seed = seed;
-		for (int i = 0; i < 2000; i++) {
-			uint8_t bytes[4] = { (uint8_t)rng(), (uint8_t)rng(), (uint8_t)rng(), (uint8_t)rng() };
+		for (uint8_t b : { 0, 7, 93, 255 }) {
+			uint8_t bytes[4] = { 192, 168, b, uint8_t(b ^ 0x5a) }, fourth[4] = { b, 0, 0, 0 };
 			u32 addr;
 			memcpy(&addr, bytes, 4); // as it lies in the packet, no ntohl
-			ASSERT_EQ(jhash_1word_ref(bytes, seed) & 127, pct_hash(addr)) << std::hex << addr;
-			uint8_t fourth[4] = { bytes[3], 0, 0, 0 };
-			ASSERT_EQ(jhash_1word_ref(fourth, seed) & 127, pct6_hash(bytes[3]));
+			EXPECT_EQ(jhash_1word_ref(bytes, seed) & 127, pct_hash(addr)) << seed;
+			EXPECT_EQ(jhash_1word_ref(fourth, seed) & 127, pct6_hash(b)) << seed;
 		}
 	}
 	// The seed comes from get_random_bytes at init.

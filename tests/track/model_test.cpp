@@ -245,6 +245,17 @@ template <class R> void follow_model(const Table<R> &t, unsigned seed)
 	t.fini();
 }
 
+// The parts every table shares: its block, clock and set-up.
+template <class R, class B>
+Table<R> table(const char *name, u32 timeout, u32 *deadline, int (*init)(void), void (*fini)(void), B **block)
+{
+	Table<R> t;
+	t.name = name, t.timeout = timeout, t.deadline = deadline, t.init = init, t.fini = fini;
+	t.pool = [block] { return &(*block)->pool; };
+	t.slots = [block] { return (*block)->slots; };
+	return t;
+}
+
 // Few hosts and ports: duplicate adds and shared buckets are common.
 Key key4(std::mt19937 &rng, bool ports)
 {
@@ -268,14 +279,26 @@ Key key6(std::mt19937 &rng, bool ports)
 
 void dirty_name(char *host) { strcpy(host, "stale.example"); }
 
+// A flow record: a free slot comes back kept, to see that an add sets it.
+template <class R> void dirty_flow(R *r)
+{
+	r->state = STATE_BLOCK;
+	dirty_name(r->host);
+	if (!r->node.expires)
+		r->keep = 1;
+}
+template <class R> void fresh_flow(const R *r, int keep)
+{
+	EXPECT_EQ(0, r->state);
+	EXPECT_EQ(keep, r->keep);
+	EXPECT_STREQ("host.example", r->host);
+	EXPECT_EQ(1, atomic_read(&r->refcnt));
+}
+
 Table<tcp_tracking> http_table(bool v6)
 {
-	Table<tcp_tracking> t;
-	t.name = v6 ? "tcp_table6" : "tcp_table";
-	t.timeout = TCP_TIMEOUT, t.deadline = &tcp_next_sweep;
-	t.init = cbt_tcp_init, t.fini = cbt_tcp_fini;
-	t.pool = [v6] { return &(v6 ? tcp_table6 : tcp_table)->pool; };
-	t.slots = [v6] { return (v6 ? tcp_table6 : tcp_table)->slots; };
+	auto t = table<tcp_tracking>(v6 ? "tcp_table6" : "tcp_table", TCP_TIMEOUT, &tcp_next_sweep, cbt_tcp_init,
+				     cbt_tcp_fini, v6 ? &tcp_table6 : &tcp_table);
 	t.key = [v6](std::mt19937 &rng) { return v6 ? key6(rng, true) : key4(rng, true); };
 	// The address words and the two ports, as loaded natively.
 	t.bucket = [v6](const Key &k, bool) {
@@ -320,13 +343,11 @@ Table<tcp_tracking> http_table(bool v6)
 // The IPv4 flow table: the seeded hash of the whole address word.
 Table<pct_tracking> flow_table()
 {
-	Table<pct_tracking> t;
-	t.name = "pct_table";
-	t.timeout = PCT_TIMEOUT, t.deadline = &pct_next_sweep;
-	t.init = [] { int r = pct_init(); pct_hash_seed = 0x5eed1234; return r; };
-	t.fini = pct_fini;
-	t.pool = [] { return &pct_table->pool; };
-	t.slots = [] { return pct_table->slots; };
+	auto t = table<pct_tracking>("pct_table", PCT_TIMEOUT, &pct_next_sweep, [] {
+		int r = pct_init();
+		pct_hash_seed = 0x5eed1234;
+		return r;
+	}, pct_fini, &pct_table);
 	t.key = [](std::mt19937 &rng) {
 		Key k{};
 		k[16] = 93, k[17] = 184, k[18] = (uint8_t)(rng() % 4), k[19] = (uint8_t)(rng() % 40);
@@ -346,18 +367,10 @@ Table<pct_tracking> flow_table()
 	};
 	t.del = [](pct_tracking *r) { pct_delete(r); };
 	t.refresh = [](pct_tracking *r) { pct_update_timeout(r); };
-	t.dirty = [](pct_tracking *r) {
-		r->state = STATE_BLOCK;
-		dirty_name(r->host);
-		if (!r->node.expires)
-			r->keep = 1;
-	};
+	t.dirty = dirty_flow<pct_tracking>;
 	t.fresh = [](const pct_tracking *r, const Key &k, int keep) {
-		EXPECT_EQ(0, r->state);
-		EXPECT_EQ(keep, r->keep);
-		EXPECT_STREQ("host.example", r->host);
+		fresh_flow(r, keep);
 		EXPECT_EQ(0, memcmp(&r->addr, &k[16], 4));
-		EXPECT_EQ(1, atomic_read(&r->refcnt));
 	};
 	t.keeps = true;
 	return t;
@@ -365,13 +378,11 @@ Table<pct_tracking> flow_table()
 
 Table<pct6_tracking> flow_table6()
 {
-	Table<pct6_tracking> t;
-	t.name = "pct6_table";
-	t.timeout = PCT_TIMEOUT, t.deadline = &pct6_next_sweep;
-	t.init = [] { int r = pct6_init(); pct6_hash_seed = 0x5eed1234; return r; };
-	t.fini = pct6_fini;
-	t.pool = [] { return &pct6_table->pool; };
-	t.slots = [] { return pct6_table->slots; };
+	auto t = table<pct6_tracking>("pct6_table", PCT_TIMEOUT, &pct6_next_sweep, [] {
+		int r = pct6_init();
+		pct6_hash_seed = 0x5eed1234;
+		return r;
+	}, pct6_fini, &pct6_table);
 	t.key = [](std::mt19937 &rng) {
 		Key k{};
 		k[16] = 0x20, k[17] = 0x01, k[19] = (uint8_t)(rng() % 4), k[31] = (uint8_t)(rng() % 40);
@@ -387,18 +398,10 @@ Table<pct6_tracking> flow_table6()
 	t.find = [](const Key &k, bool) { return pct6_find(&k[16]); };
 	t.del = [](pct6_tracking *r) { pct6_delete(r); };
 	t.refresh = [](pct6_tracking *r) { pct6_update_timeout(r); };
-	t.dirty = [](pct6_tracking *r) {
-		r->state = STATE_BLOCK;
-		dirty_name(r->host);
-		if (!r->node.expires)
-			r->keep = 1;
-	};
+	t.dirty = dirty_flow<pct6_tracking>;
 	t.fresh = [](const pct6_tracking *r, const Key &k, int keep) {
-		EXPECT_EQ(0, r->state);
-		EXPECT_EQ(keep, r->keep);
-		EXPECT_STREQ("host.example", r->host);
+		fresh_flow(r, keep);
 		EXPECT_EQ(0, memcmp(r->addr6, &k[16], 16));
-		EXPECT_EQ(1, atomic_read(&r->refcnt));
 	};
 	t.keeps = true;
 	return t;
@@ -422,12 +425,7 @@ template <class R> void fresh_ssl(const R *r)
 
 Table<ssl_tracking> https_table()
 {
-	Table<ssl_tracking> t;
-	t.name = "ssl_table";
-	t.timeout = SSL_TIMEOUT, t.deadline = &ssl_next_sweep;
-	t.init = ssl_init, t.fini = ssl_fini;
-	t.pool = [] { return &ssl_table->pool; };
-	t.slots = [] { return ssl_table->slots; };
+	auto t = table<ssl_tracking>("ssl_table", SSL_TIMEOUT, &ssl_next_sweep, ssl_init, ssl_fini, &ssl_table);
 	t.key = [](std::mt19937 &rng) { return key4(rng, false); };
 	t.bucket = [](const Key &k, bool) { return (le32(&k[0]) + le32(&k[16])) & 127; };
 	t.match = [](const Key &r, const Key &k) { return pair_match(r, k, 4, false); };
@@ -457,12 +455,7 @@ Table<ssl_tracking> https_table()
 // An all-zero client stands for any client.
 Table<ssl6_tracking> https_table6()
 {
-	Table<ssl6_tracking> t;
-	t.name = "ssl6_table";
-	t.timeout = SSL_TIMEOUT, t.deadline = &ssl6_next_sweep;
-	t.init = ssl6_init, t.fini = ssl6_fini;
-	t.pool = [] { return &ssl6_table->pool; };
-	t.slots = [] { return ssl6_table->slots; };
+	auto t = table<ssl6_tracking>("ssl6_table", SSL_TIMEOUT, &ssl6_next_sweep, ssl6_init, ssl6_fini, &ssl6_table);
 	t.key = [](std::mt19937 &rng) {
 		Key k = key6(rng, false);
 		if (rng() % 3 == 0)
