@@ -68,11 +68,17 @@ open(path, "w").write(src.replace(old, new))
 PY
 }
 
+# An interrupted run must not leave a fault planted in the tree.
+cur=
+trap '[ -n "$cur" ] && [ -f "$cur.orig" ] && mv "$cur.orig" "$cur"' EXIT
+trap 'exit 130' INT TERM
+
 while IFS='#' read -r n file old new group regex; do
 	[ -n "$n" ] || continue
 	if [ $# -gt 0 ] && ! printf '%s\n' "$@" | grep -qx "$n"; then continue; fi
 	case $group in RATED) targets=$rated ;; REPLAY) targets=$replay ;; RUNTIME) targets=$runtime ;; KERNEL) targets=$kernel ;; esac
 	cp "$file" "$file.orig"
+	cur=$file
 	what="$file: '$old' -> '$new'"
 	if ! plant "$file" "$old" "$new"; then
 		mv "$file.orig" "$file"
@@ -88,6 +94,7 @@ while IFS='#' read -r n file old new group regex; do
 	failed=$(cd "$build" && timeout 600 ctest -R "$regex" -E 'hundred_thousand|capture_in_namespaces' -j2 \
 		--timeout 120 2>&1 | sed -n 's/^[[:space:]]*[0-9]* - \([^ ]*\) .*/\1/p' | sort -u | xargs)
 	mv "$file.orig" "$file"
+	cur=
 	touch "$file"
 	echo "$n $what -> ${failed:-SURVIVED}"
 done <<<"$faults"
