@@ -14,6 +14,7 @@
 // The standard headers come first: the kernel headers define __init.
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <random>
 #include <set>
@@ -27,6 +28,7 @@
 #include "kmodel/net.h"
 #include "lists/tblock.h"
 #include "lists/unblock.h"
+#include "track/dns_table.h"
 
 namespace {
 
@@ -193,6 +195,35 @@ TEST_F(Soak, MixedChurningTrafficKeepsTheTablesAndMemoryConsistent)
 	       steps, packets, base_blocks, blocks_max, a.live_blocks, list_entries, kmodel_skb_stats_get().live,
 	       rss_first, rss_max);
 	printf("soak: %zu requests held by the daemon, %zu connections open\n", pending.size(), conns.size());
+}
+
+// The walk the soak and the fuzzers rely on sees each kind of broken list,
+// and passes again once the lists are whole.
+TEST_F(HookTest, InvariantsSeeBrokenLists)
+{
+	struct track_pool *pool = &dns_table->pool;
+	struct list_head *bucket = &pool->buckets[3], stray;
+	struct track_node *x = container_of(pool->free_list.next, track_node, hash_link);
+	const struct list_head free_list = pool->free_list, age_list = pool->age_list, b = *bucket,
+			       hash_link = x->hash_link, age_link = x->age_link;
+	const struct {
+		const char *want;
+		std::function<void()> bend;
+	} cases[] = {
+		{"a slot on no list", [&] { pool->free_list.next = x->hash_link.next; }},
+		{"a list that loops", [&] { x->hash_link.next = &x->hash_link; }},
+		{"a link to no slot", [&] { bucket->next = &stray; stray.next = bucket; }},
+		{"the age list does not hold exactly the slots in use",
+		 [&] { pool->age_list.next = &x->age_link; x->age_link.next = &pool->age_list; }},
+	};
+	ASSERT_STREQ(nullptr, invariants::tables());
+	for (const auto &c : cases) {
+		c.bend();
+		EXPECT_STREQ(c.want, invariants::tables());
+		pool->free_list = free_list, pool->age_list = age_list, *bucket = b;
+		x->hash_link = hash_link, x->age_link = age_link;
+		ASSERT_STREQ(nullptr, invariants::tables()) << c.want;
+	}
 }
 
 } // namespace
