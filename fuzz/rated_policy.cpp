@@ -12,8 +12,8 @@
 // the three verdicts, with a block-page address (at most 511 characters)
 // only when it blocks, and comes out the same when asked twice; the reply
 // echoes the request and carries exactly that verdict and address,
-// NUL-terminated; the decision's log line is one line of printable text
-// whatever bytes the names in the message hold.
+// NUL-terminated; the decision's log line is one line with no control
+// character whatever bytes the names in the message hold.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -74,7 +74,7 @@ void check_reply(const wire::Request &req, const wire::Record &reply, const poli
 void check_line(const std::string &line)
 {
 	for (unsigned char c : line)
-		check(c >= 0x20 && c < 0x7f);
+		check(c >= 0x20 && c != 0x7f);
 }
 
 } // namespace
