@@ -55,7 +55,7 @@ faults=$(cat <<'ROWS'
 33#kernel/lib/netlink.cpp#NETLINK_CB(skb).pid = it->second.pid;#;#KERNEL#^(kernel|sim|forge|hooks|core)\.
 34#rated/responder.cpp#c > 0x20 && c < 0x7f#c >= 0x20 && c < 0x7f#RATED#^rated\.
 35#rated/policy_parse.cpp#!line_end) || c == 0x7f)#!line_end))#RATED#^rated\.
-36#rated/policy_parse.cpp#c == '\r' && i + 1#c == '\r' || i + 1#RATED#^rated\.
+36#rated/policy_parse.cpp#i + 1 < text.size() && text[i + 1]#i + 2 < text.size() && text[i + 1]#RATED#^rated\.
 ROWS
 )
 
