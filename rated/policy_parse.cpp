@@ -71,6 +71,15 @@ int first_binary_line(std::string_view text, std::string &why)
 			why = "not a text file (NUL byte)";
 			return line;
 		}
+		// Names and rules end up in log lines: a control character in
+		// them (a CR is one unless it ends the line) could split one.
+		bool line_end = c == '\r' && i + 1 < text.size() && text[i + 1] == '\n';
+		if ((c < 0x20 && c != '\t' && !line_end) || c == 0x7f) {
+			char code[8];
+			snprintf(code, sizeof(code), "0x%02x", c);
+			why = std::string("not a text file (control character ") + code + ")";
+			return line;
+		}
 		if (c < 0x80)
 			continue;
 		size_t more = (c & 0xe0) == 0xc0 ? 1 : (c & 0xf0) == 0xe0 ? 2 : (c & 0xf8) == 0xf0 ? 3 : 0;

@@ -8,6 +8,28 @@ namespace {
 
 std::string or_dash(const std::string &s) { return s.empty() ? "-" : s; }
 
+// A name or path from a request as one word of the log line: the filter
+// copies them from packets, which may carry any byte (a DNS label can hold
+// a space or a newline), so anything but printable ASCII, and the
+// backslash itself, is written as \xNN. Nothing a client sends can then
+// split the line or forge another one.
+std::string word(const std::string &s)
+{
+	if (s.empty())
+		return "-";
+	std::string o;
+	for (unsigned char c : s) {
+		if (c > 0x20 && c < 0x7f && c != '\\') {
+			o += char(c);
+			continue;
+		}
+		char e[5];
+		snprintf(e, sizeof(e), "\\x%02x", c);
+		o += e;
+	}
+	return o;
+}
+
 std::string mac_string(const policy::Mac &m)
 {
 	char s[18];
@@ -33,8 +55,8 @@ std::string decision_line(const policy::Query &q, const policy::Decision &d)
 	s += " mac=" + (q.mac ? mac_string(*q.mac) : "-");
 	s += " device=" + or_dash(d.device);
 	s += " client=" + or_dash(q.client);
-	s += " host=" + or_dash(q.host);
-	s += " url=" + or_dash(q.url);
+	s += " host=" + word(q.host);
+	s += " url=" + word(q.url);
 	s += std::string(" ") + verdict_name(d.verdict) + " by " + d.rule;
 	return s;
 }

@@ -53,6 +53,9 @@ faults=$(cat <<'ROWS'
 31#kernel/lib/netlink.cpp#!(us.groups & (1u << (group - 1)))#!(us.groups & (1u << group))#KERNEL#^(kernel|sim|forge|hooks|core)\.
 32#kernel/lib/netlink.cpp#us.queue.size() >= us.rcvbuf) {\n\t\t\tfailure#us.queue.size() > us.rcvbuf) {\n\t\t\tfailure#KERNEL#^(kernel|sim|forge|hooks|core)\.
 33#kernel/lib/netlink.cpp#NETLINK_CB(skb).pid = it->second.pid;#;#KERNEL#^(kernel|sim|forge|hooks|core)\.
+34#rated/responder.cpp#c > 0x20 && c < 0x7f#c >= 0x20 && c < 0x7f#RATED#^rated\.
+35#rated/policy_parse.cpp#!line_end) || c == 0x7f)#!line_end))#RATED#^rated\.
+36#rated/policy_parse.cpp#i + 1 < text.size() && text[i + 1]#i + 2 < text.size() && text[i + 1]#RATED#^rated\.
 ROWS
 )
 

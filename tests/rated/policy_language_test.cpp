@@ -125,6 +125,9 @@ TEST(PolicyLanguage, EveryErrorWithItsLine)
 		{ "a truncated UTF-8 sequence at the end", "[wp]\n#\xe2\x82", { "t.policy:2: not a text file (bytes that are not UTF-8)" } },
 		{ "a NUL byte: one error for the whole file", std::string("[wp]\nblock a\0b\n\0\n", 16),
 		  { "t.policy:2: not a text file (NUL byte)" } },
+		{ "control characters: tabs and line-ending CRs are blanks", "[wp]\r\nblock\ta.example\r\n[device 00:11:22:33:44:55 a\x7f]\n",
+		  { "t.policy:3: not a text file (control character 0x7f)" } },
+		{ "a CR inside a line", "[wp]\nblock a.example\rb\n", { "t.policy:2: not a text file (control character 0x0d)" } },
 		{ "labels of 63 and 64 characters", "[wp]\nblock " + std::string(63, 'a') + ".x\nblock " + std::string(64, 'a') + "\n",
 		  { "t.policy:3: label longer than 63 characters in '" + std::string(64, 'a') + "'" } },
 	};

@@ -110,4 +110,19 @@ TEST(Wire, MessagesThatCannotBeAnsweredAreCountedAndLoggedOncePerKind)
 	EXPECT_EQ((std::array<uint64_t, 3>{ 2, 1, 2 }), n.rejected);
 }
 
+// Names and paths reach the log from packets: a DNS label may hold a space
+// or a newline, a request line any control byte. Each stays one word of
+// one line.
+TEST(Wire, DecisionLineEscapesWhatAPacketCarries)
+{
+	auto p = load("[wp]\nblock a.example\n");
+	policy::Query q;
+	q.host = "a b\nWP mac=-\\\x7f\xc3\xa9.a.example";
+	q.url = std::string("/\x01\0x", 4);
+	q.client = "192.168.1.10";
+	EXPECT_EQ("WP mac=- device=- client=192.168.1.10 host=a\\x20b\\x0aWP\\x20mac=-\\x5c\\x7f\\xc3\\xa9.a.example "
+		  "url=/\\x01\\x00x BLOCK by t.policy:2: block a.example",
+		  rated::decision_line(q, p->decide(q)));
+}
+
 } // namespace
