@@ -25,6 +25,25 @@ int line_level(const std::string &line, size_t &text_start)
 }
 } // namespace
 
+std::string log_text(const std::string &line)
+{
+	size_t end = line.size();
+	while (end && line[end - 1] == '\n')
+		end--;
+	std::string out;
+	for (size_t i = 0; i < end; i++) {
+		unsigned char c = line[i];
+		if (c >= 0x20 && c < 0x7f && c != '\\') {
+			out += char(c);
+			continue;
+		}
+		char e[5];
+		snprintf(e, sizeof(e), "\\x%02x", c);
+		out += e;
+	}
+	return out;
+}
+
 void log_setup(int max_level, bool use_syslog)
 {
 	g_max = max_level;
@@ -41,16 +60,10 @@ void log_drain(void)
 		int level = line_level(line, start);
 		if (level > g_max)
 			continue;
-		if (g_syslog) {
-			std::string text = line.substr(start);
-			while (!text.empty() && text.back() == '\n')
-				text.pop_back();
-			syslog(level, "%s", text.c_str());
-		} else {
-			fputs(line.c_str(), stderr);
-			if (line.empty() || line.back() != '\n')
-				fputc('\n', stderr);
-		}
+		if (g_syslog)
+			syslog(level, "%s", log_text(line.substr(start)).c_str());
+		else
+			fprintf(stderr, "%s\n", log_text(line).c_str());
 	}
 	kmodel_log_clear();
 	fflush(stderr);

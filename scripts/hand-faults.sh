@@ -56,6 +56,7 @@ faults=$(cat <<'ROWS'
 34#rated/responder.cpp#c > 0x20 && c < 0x7f#c >= 0x20 && c < 0x7f#RATED#^rated\.
 35#rated/policy_parse.cpp#!line_end) || c == 0x7f)#!line_end))#RATED#^rated\.
 36#rated/policy_parse.cpp#i + 1 < text.size() && text[i + 1]#i + 2 < text.size() && text[i + 1]#RATED#^rated\.
+37#runtime/log.cpp#c >= 0x20 && c < 0x7f#c >= 0x10 && c < 0x7f#RUNTIME#^runtime\.
 ROWS
 )
 
