@@ -16,7 +16,8 @@ TEST(Log, EachPrintkLineStaysOneLine)
 		  "<7>[receive_from_user]: [WP]non-HTTP: host=flow.test --> PASS" },
 		{ "<7>[receive_from_user]: [WP]non-HTTP: host=a\n<6>b\\\x7f\xc3\xa9\t --> PASS\n\n",
 		  "<7>[receive_from_user]: [WP]non-HTTP: host=a\\x0a<6>b\\x5c\\x7f\\xc3\\xa9\\x09 --> PASS" },
-		{ std::string("<7>[tm_proc_write]: buff=+|\0\r, len=4", 36), "<7>[tm_proc_write]: buff=+|\\x00\\x0d, len=4" },
+		{ std::string("<7>[tm_proc_write]: buff=+|\0\r\x1b[2J, len=7", 40),
+		  "<7>[tm_proc_write]: buff=+|\\x00\\x0d\\x1b[2J, len=7" },
 		{ "", "" },
 	};
 	for (const auto &c : cases)
