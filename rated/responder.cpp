@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "common/escape.h"
+
 namespace rated {
 
 namespace {
@@ -10,25 +12,8 @@ std::string or_dash(const std::string &s) { return s.empty() ? "-" : s; }
 
 // A name or path from a request as one word of the log line: the filter
 // copies them from packets, which may carry any byte (a DNS label can hold
-// a space or a newline), so anything but printable ASCII, and the
-// backslash itself, is written as \xNN. Nothing a client sends can then
-// split the line or forge another one.
-std::string word(const std::string &s)
-{
-	if (s.empty())
-		return "-";
-	std::string o;
-	for (unsigned char c : s) {
-		if (c > 0x20 && c < 0x7f && c != '\\') {
-			o += char(c);
-			continue;
-		}
-		char e[5];
-		snprintf(e, sizeof(e), "\\x%02x", c);
-		o += e;
-	}
-	return o;
-}
+// a space or a newline).
+std::string word(const std::string &s) { return s.empty() ? "-" : dnshook::escape_bytes(s, false); }
 
 std::string mac_string(const policy::Mac &m)
 {

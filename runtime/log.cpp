@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "common/escape.h"
 #include "kmodel/host.h"
 
 namespace dnshookd {
@@ -30,18 +31,7 @@ std::string log_text(const std::string &line)
 	size_t end = line.size();
 	while (end && line[end - 1] == '\n')
 		end--;
-	std::string out;
-	for (size_t i = 0; i < end; i++) {
-		unsigned char c = line[i];
-		if (c >= 0x20 && c < 0x7f && c != '\\') {
-			out += char(c);
-			continue;
-		}
-		char e[5];
-		snprintf(e, sizeof(e), "\\x%02x", c);
-		out += e;
-	}
-	return out;
+	return dnshook::escape_bytes(std::string_view(line).substr(0, end), true);
 }
 
 void log_setup(int max_level, bool use_syslog)

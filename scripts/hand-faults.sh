@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Plants small faults by hand, one at a time, in the code the host and model
-# tests guard (rated/, tools/replay/, runtime/, kernel/lib/), which
+# tests guard (rated/, tools/replay/, runtime/, common/, kernel/lib/), which
 # scripts/mutants.py does not touch: rebuilds the test programs that cover
 # the file, runs their tests, puts the file back, and prints which tests
 # failed. Run it on a copy of the tree, or on a clean checkout:
@@ -53,10 +53,10 @@ faults=$(cat <<'ROWS'
 31#kernel/lib/netlink.cpp#!(us.groups & (1u << (group - 1)))#!(us.groups & (1u << group))#KERNEL#^(kernel|sim|forge|hooks|core)\.
 32#kernel/lib/netlink.cpp#us.queue.size() >= us.rcvbuf) {\n\t\t\tfailure#us.queue.size() > us.rcvbuf) {\n\t\t\tfailure#KERNEL#^(kernel|sim|forge|hooks|core)\.
 33#kernel/lib/netlink.cpp#NETLINK_CB(skb).pid = it->second.pid;#;#KERNEL#^(kernel|sim|forge|hooks|core)\.
-34#rated/responder.cpp#c > 0x20 && c < 0x7f#c >= 0x20 && c < 0x7f#RATED#^rated\.
+34#common/escape.cpp#keep_space ? 0x20 : 0x21#keep_space ? 0x20 : 0x20#RATED#^rated\.
 35#rated/policy_parse.cpp#!line_end) || c == 0x7f)#!line_end))#RATED#^rated\.
 36#rated/policy_parse.cpp#i + 1 < text.size() && text[i + 1]#i + 2 < text.size() && text[i + 1]#RATED#^rated\.
-37#runtime/log.cpp#c >= 0x20 && c < 0x7f#c >= 0x10 && c < 0x7f#RUNTIME#^runtime\.
+37#common/escape.cpp#keep_space ? 0x20 : 0x21#keep_space ? 0x10 : 0x21#RUNTIME#^runtime\.
 ROWS
 )
 

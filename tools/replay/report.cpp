@@ -4,6 +4,8 @@
 #include <cinttypes>
 #include <cstdarg>
 
+#include "common/escape.h"
+
 namespace replay {
 
 namespace {
@@ -17,15 +19,6 @@ std::string fmt(const char *f, ...)
 	vsnprintf(buf, sizeof(buf), f, ap);
 	va_end(ap);
 	return buf;
-}
-
-// Printable text for a terminal: control bytes as \xNN.
-std::string printable(const std::string &s)
-{
-	std::string o;
-	for (unsigned char c : s)
-		o += (c < 0x20 || c == 0x7f) ? fmt("\\x%02x", c) : std::string(1, char(c));
-	return o;
 }
 
 // A JSON object built field by field.
@@ -186,7 +179,7 @@ void Report::log(const std::string &line)
 		int level = l.size() > 2 && l[0] == '<' && l[2] == '>' ? l[1] - '0' : -1;
 		put(Obj("log").num("level", level).str("line", l).done());
 	} else {
-		put(kIndent + std::string("log ") + printable(l));
+		put(kIndent + std::string("log ") + dnshook::escape_bytes(l, true));
 	}
 }
 
@@ -210,8 +203,8 @@ void Report::request(const RequestEvent &e)
 		put(line + " cannot be answered: " + e.problem);
 		return;
 	}
-	line += " " + (e.src.empty() ? std::string("-") : e.src) + " -> " + e.dst + " host \"" + printable(e.host) + "\"";
-	line += " url \"" + printable(e.url) + "\"";
+	line += " " + (e.src.empty() ? std::string("-") : e.src) + " -> " + e.dst + " host \"" + dnshook::escape_bytes(e.host, true) + "\"";
+	line += " url \"" + dnshook::escape_bytes(e.url, true) + "\"";
 	if (!e.mac.empty())
 		line += " mac " + e.mac;
 	put(line);
@@ -263,7 +256,7 @@ void Report::control(const ControlEvent &e)
 	if (json_)
 		put(Obj("control").num("time", e.time).str("file", e.file).str("text", e.text).num("result", e.result).done());
 	else
-		put(fmt("@      %11.6f  echo -n '%s' > /proc/%s  = %d", e.time, printable(e.text).c_str(), e.file.c_str(),
+		put(fmt("@      %11.6f  echo -n '%s' > /proc/%s  = %d", e.time, dnshook::escape_bytes(e.text, true).c_str(), e.file.c_str(),
 			e.result));
 }
 
