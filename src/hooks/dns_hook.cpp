@@ -143,8 +143,8 @@ static void dns_snoop(const u8 *msg, long len, u16 dport, u16 sport, __be32 clie
 		dns_note_response(&info, mode, hook);
 }
 
-unsigned int dns_hook(unsigned int, struct sk_buff *skb, const struct net_device *in,
-		      const struct net_device *, int (*)(struct sk_buff *))
+static noinline unsigned int dns_hook_on(unsigned int, struct sk_buff *skb, const struct net_device *in,
+					 const struct net_device *, int (*)(struct sk_buff *))
 {
 	int mode = service_mode();
 	const struct udphdr *uh;
@@ -185,8 +185,18 @@ unsigned int dns_hook(unsigned int, struct sk_buff *skb, const struct net_device
 	return NF_ACCEPT;
 }
 
-unsigned int dns6_hook(unsigned int, struct sk_buff *skb, const struct net_device *in,
-		       const struct net_device *, int (*)(struct sk_buff *))
+unsigned int dns_hook(unsigned int hooknum, struct sk_buff *skb, const struct net_device *in,
+		      const struct net_device *out, int (*okfn)(struct sk_buff *))
+{
+	// Both services off: out before the body's set-up (the body reads
+	// the switches again, and does nothing when both are off).
+	if (!(wp_enabled | pc_enabled))
+		return NF_ACCEPT;
+	return dns_hook_on(hooknum, skb, in, out, okfn);
+}
+
+static noinline unsigned int dns6_hook_on(unsigned int, struct sk_buff *skb, const struct net_device *in,
+					  const struct net_device *, int (*)(struct sk_buff *))
 {
 	int mode = service_mode();
 	const struct ipv6hdr *ip6h;
@@ -208,7 +218,8 @@ unsigned int dns6_hook(unsigned int, struct sk_buff *skb, const struct net_devic
 	ip6h = ipv6_hdr(skb);
 	if (!(__ipv6_addr_type(&ip6h->saddr) & IPV6_ADDR_UNICAST) ||
 	    !(__ipv6_addr_type(&ip6h->daddr) & IPV6_ADDR_UNICAST)) {
-		printk(KERN_DEBUG "[%s]: dns6_hook: IPv6 address is not unicast.\n\n", __func__);
+		// Named after the hook, whose body this is.
+		printk(KERN_DEBUG "[%s]: dns6_hook: IPv6 address is not unicast.\n\n", "dns6_hook");
 		return NF_ACCEPT;
 	}
 	nexthdr = ip6h->nexthdr;
@@ -225,4 +236,14 @@ unsigned int dns6_hook(unsigned int, struct sk_buff *skb, const struct net_devic
 	dns_snoop(msg, skb_tail_pointer(skb) - msg, ntohs(uh->dest), ntohs(uh->source), 0, mode,
 		  "dns6_hook");
 	return NF_ACCEPT;
+}
+
+unsigned int dns6_hook(unsigned int hooknum, struct sk_buff *skb, const struct net_device *in,
+		       const struct net_device *out, int (*okfn)(struct sk_buff *))
+{
+	// Both services off: out before the body's set-up (the body reads
+	// the switches again, and does nothing when both are off).
+	if (!(wp_enabled | pc_enabled))
+		return NF_ACCEPT;
+	return dns6_hook_on(hooknum, skb, in, out, okfn);
 }

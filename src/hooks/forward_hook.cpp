@@ -181,8 +181,8 @@ static unsigned int forward_state(struct tcp_tracking *rec, struct sk_buff *skb,
 	}
 }
 
-unsigned int forward_hook(unsigned int hooknum, struct sk_buff *skb, const struct net_device *in,
-			  const struct net_device *out, int (*okfn)(struct sk_buff *))
+static noinline unsigned int forward_hook_on(unsigned int, struct sk_buff *skb, const struct net_device *in,
+					     const struct net_device *out, int (*)(struct sk_buff *))
 {
 	int mode = service_mode();
 	struct tcp_tracking *rec;
@@ -190,8 +190,6 @@ unsigned int forward_hook(unsigned int hooknum, struct sk_buff *skb, const struc
 	u8 _proto, *proto;
 	unsigned int thoff;
 
-	(void)hooknum;
-	(void)okfn;
 	if (!mode)
 		return NF_ACCEPT;
 	if (!skb || !in || !out)
@@ -236,4 +234,14 @@ unsigned int forward_hook(unsigned int hooknum, struct sk_buff *skb, const struc
 	if (rec->state > STATE_FIN_WAIT2)
 		return NF_DROP;
 	return forward_state(rec, skb, in, out, mode, &p);
+}
+
+unsigned int forward_hook(unsigned int hooknum, struct sk_buff *skb, const struct net_device *in,
+			  const struct net_device *out, int (*okfn)(struct sk_buff *))
+{
+	// Both services off: out before the body's set-up (the body reads
+	// the switches again, and does nothing when both are off).
+	if (!(wp_enabled | pc_enabled))
+		return NF_ACCEPT;
+	return forward_hook_on(hooknum, skb, in, out, okfn);
 }

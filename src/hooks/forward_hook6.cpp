@@ -227,8 +227,8 @@ static unsigned int forward_state6(struct tcp_tracking *rec, struct sk_buff *skb
 	}
 }
 
-unsigned int forward_hook6(unsigned int hooknum, struct sk_buff *skb, const struct net_device *in,
-			   const struct net_device *out, int (*okfn)(struct sk_buff *))
+static noinline unsigned int forward_hook6_on(unsigned int, struct sk_buff *skb, const struct net_device *in,
+					      const struct net_device *out, int (*)(struct sk_buff *))
 {
 	int mode = service_mode();
 	struct tcp_tracking *rec;
@@ -236,8 +236,6 @@ unsigned int forward_hook6(unsigned int hooknum, struct sk_buff *skb, const stru
 	u8 nexthdr;
 	int tcplen;
 
-	(void)hooknum;
-	(void)okfn;
 	if (!mode)
 		return NF_ACCEPT;
 	if (!skb || !in || !out)
@@ -289,4 +287,14 @@ unsigned int forward_hook6(unsigned int hooknum, struct sk_buff *skb, const stru
 		return forward_untracked6(skb, in, mode, &p);
 	tcp_update_timeout6(rec);
 	return forward_state6(rec, skb, in, out, mode, &p);
+}
+
+unsigned int forward_hook6(unsigned int hooknum, struct sk_buff *skb, const struct net_device *in,
+			   const struct net_device *out, int (*okfn)(struct sk_buff *))
+{
+	// Both services off: out before the body's set-up (the body reads
+	// the switches again, and does nothing when both are off).
+	if (!(wp_enabled | pc_enabled))
+		return NF_ACCEPT;
+	return forward_hook6_on(hooknum, skb, in, out, okfn);
 }

@@ -32,3 +32,4 @@ typedef unsigned int gfp_t;
 #define __read_mostly
 #define likely(x) __builtin_expect(!!(x), 1)
 #define unlikely(x) __builtin_expect(!!(x), 0)
+#define noinline __attribute__((noinline))
