@@ -143,16 +143,12 @@ static void dns_snoop(const u8 *msg, long len, u16 dport, u16 sport, __be32 clie
 		dns_note_response(&info, mode, hook);
 }
 
-static noinline unsigned int dns_hook_on(unsigned int, struct sk_buff *skb, const struct net_device *in,
-					 const struct net_device *, int (*)(struct sk_buff *))
+static noinline unsigned int dns_hook_on(int mode, struct sk_buff *skb, const struct net_device *in)
 {
-	int mode = service_mode();
 	const struct udphdr *uh;
 	unsigned int ihl, ulen;
 	const u8 *msg;
 
-	if (!mode)
-		return NF_ACCEPT;
 	if (!skb || !in)
 		return NF_ACCEPT;
 	dns_flush_pending(0);
@@ -185,20 +181,19 @@ static noinline unsigned int dns_hook_on(unsigned int, struct sk_buff *skb, cons
 	return NF_ACCEPT;
 }
 
-unsigned int dns_hook(unsigned int hooknum, struct sk_buff *skb, const struct net_device *in,
-		      const struct net_device *out, int (*okfn)(struct sk_buff *))
-{
-	// Both services off: out before the body's set-up (the body reads
-	// the switches again, and does nothing when both are off).
-	if (!(wp_enabled | pc_enabled))
-		return NF_ACCEPT;
-	return dns_hook_on(hooknum, skb, in, out, okfn);
-}
-
-static noinline unsigned int dns6_hook_on(unsigned int, struct sk_buff *skb, const struct net_device *in,
-					  const struct net_device *, int (*)(struct sk_buff *))
+unsigned int dns_hook(unsigned int, struct sk_buff *skb, const struct net_device *in,
+		      const struct net_device *, int (*)(struct sk_buff *))
 {
 	int mode = service_mode();
+
+	// Both services off: out before the body's set-up.
+	if (!mode)
+		return NF_ACCEPT;
+	return dns_hook_on(mode, skb, in);
+}
+
+static noinline unsigned int dns6_hook_on(int mode, struct sk_buff *skb, const struct net_device *in)
+{
 	const struct ipv6hdr *ip6h;
 	const struct udphdr *uh;
 	unsigned int noff;
@@ -206,8 +201,6 @@ static noinline unsigned int dns6_hook_on(unsigned int, struct sk_buff *skb, con
 	int off;
 	const u8 *msg;
 
-	if (!mode)
-		return NF_ACCEPT;
 	if (!skb || !in)
 		return NF_ACCEPT;
 	dns_flush_pending(1);
@@ -238,12 +231,13 @@ static noinline unsigned int dns6_hook_on(unsigned int, struct sk_buff *skb, con
 	return NF_ACCEPT;
 }
 
-unsigned int dns6_hook(unsigned int hooknum, struct sk_buff *skb, const struct net_device *in,
-		       const struct net_device *out, int (*okfn)(struct sk_buff *))
+unsigned int dns6_hook(unsigned int, struct sk_buff *skb, const struct net_device *in,
+		       const struct net_device *, int (*)(struct sk_buff *))
 {
-	// Both services off: out before the body's set-up (the body reads
-	// the switches again, and does nothing when both are off).
-	if (!(wp_enabled | pc_enabled))
+	int mode = service_mode();
+
+	// Both services off: out before the body's set-up.
+	if (!mode)
 		return NF_ACCEPT;
-	return dns6_hook_on(hooknum, skb, in, out, okfn);
+	return dns6_hook_on(mode, skb, in);
 }

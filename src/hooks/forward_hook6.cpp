@@ -227,17 +227,14 @@ static unsigned int forward_state6(struct tcp_tracking *rec, struct sk_buff *skb
 	}
 }
 
-static noinline unsigned int forward_hook6_on(unsigned int, struct sk_buff *skb, const struct net_device *in,
-					      const struct net_device *out, int (*)(struct sk_buff *))
+static noinline unsigned int forward_hook6_on(int mode, struct sk_buff *skb, const struct net_device *in,
+					      const struct net_device *out)
 {
-	int mode = service_mode();
 	struct tcp_tracking *rec;
 	struct http_pkt6 p;
 	u8 nexthdr;
 	int tcplen;
 
-	if (!mode)
-		return NF_ACCEPT;
 	if (!skb || !in || !out)
 		return NF_ACCEPT;
 	if (strcmp(in->name, out->name) == 0)
@@ -289,12 +286,13 @@ static noinline unsigned int forward_hook6_on(unsigned int, struct sk_buff *skb,
 	return forward_state6(rec, skb, in, out, mode, &p);
 }
 
-unsigned int forward_hook6(unsigned int hooknum, struct sk_buff *skb, const struct net_device *in,
-			   const struct net_device *out, int (*okfn)(struct sk_buff *))
+unsigned int forward_hook6(unsigned int, struct sk_buff *skb, const struct net_device *in,
+			   const struct net_device *out, int (*)(struct sk_buff *))
 {
-	// Both services off: out before the body's set-up (the body reads
-	// the switches again, and does nothing when both are off).
-	if (!(wp_enabled | pc_enabled))
+	int mode = service_mode();
+
+	// Both services off: out before the body's set-up.
+	if (!mode)
 		return NF_ACCEPT;
-	return forward_hook6_on(hooknum, skb, in, out, okfn);
+	return forward_hook6_on(mode, skb, in, out);
 }
