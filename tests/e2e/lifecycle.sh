@@ -2,8 +2,9 @@
 # dnshookd's life on the router: control files and their modes, rules that
 # follow the switch files while connections are open, a silent, slow,
 # restarted, doubled or garbled daemon, SIGKILL and restart with the
-# bypass keeping traffic flowing, one instance per namespace, and nothing
-# left behind after a clean stop. Usage: lifecycle.sh BUILD_DIR
+# bypass keeping traffic flowing, a hung dnshookd with a full queue, one
+# instance per namespace, and nothing left behind after a clean stop.
+# Usage: lifecycle.sh BUILD_DIR
 set -u
 E2E_BUILD=$(realpath "$1")
 . "$(dirname "$0")/netns.sh"
@@ -126,6 +127,36 @@ wait $slow
 expect "a download under way across SIGKILL and restart completes whole" "0 200 65536 " "$? $(cat "$E2E_DIR/slow.out")"
 echo 1 >"$CTL/wl_warning_page"
 expect_fetch "restarted: filtering again" blocked "$NS_C0" blocked.test 198.51.100.20 /after-restart
+
+# A hung dnshookd (SIGSTOP) holds what it was given. Once its queue is
+# full (4,096 packets) the kernel lets the rest by unfiltered, or drops it
+# with --fail-closed; SIGCONT, and it judges what it held and filters again.
+syns() { # N SYNs to port 80 from client0, from ports no socket holds
+	c0 python3 - "$1" <<'PY'
+import socket, struct, sys
+s = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_TCP)
+for i in range(int(sys.argv[1])):
+    s.sendto(struct.pack("!HHIIBBHHH", 20000 + i, 80, i, 0, 5 << 4, 0x02, 65535, 0, 0), ("198.51.100.10", 0))
+PY
+}
+for mode in fail-open fail-closed; do
+	if [ $mode = fail-closed ]; then
+		e2e_stop_dnshookd TERM
+		e2e_dnshookd --fail-closed
+		echo 1 >"$CTL/wl_warning_page"
+	fi
+	kill -STOP "$DNSHOOKD_PID"
+	FETCH_TIMEOUT=2 expect_fetch "hung, $mode, queue not full: a page waits" stall "$NS_C0" blocked.test 198.51.100.20 /hung
+	syns 4200
+	if [ $mode = fail-open ]; then
+		expect_fetch "hung, queue full: traffic flows, unfiltered" page "$NS_C0" blocked.test 198.51.100.20 /fail-open
+	else
+		FETCH_TIMEOUT=2 expect_fetch "hung, --fail-closed, queue full: queued traffic stops" stall "$NS_C0" allowed.test 198.51.100.10 /fail-closed
+		expect "hung, --fail-closed: traffic outside the rules goes on" "banner from the flow service" "$(banner "$NS_C1" 198.51.100.50)"
+	fi
+	kill -CONT "$DNSHOOKD_PID"
+	expect_fetch "hung, $mode, resumed: filtering again" blocked "$NS_C0" blocked.test 198.51.100.20 /resumed
+done
 
 # Without the bypass, a dead dnshookd stops what it would have seen.
 e2e_stop_dnshookd TERM
