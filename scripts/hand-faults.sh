@@ -17,6 +17,7 @@ cd "$top" || exit 1
 rated="test_rated dnshook-rated"
 replay="test_replay dnshook-replay"
 runtime="test_runtime"
+live="dnshookd"
 kernel="test_kernel test_sim test_forge test_hooks test_core"
 # number#file#text#replacement#targets#ctest regex
 faults=$(cat <<'ROWS'
@@ -57,6 +58,8 @@ faults=$(cat <<'ROWS'
 35#rated/policy_parse.cpp#!line_end) || c == 0x7f)#!line_end))#RATED#^rated\.
 36#rated/policy_parse.cpp#i + 1 < text.size() && text[i + 1]#i + 2 < text.size() && text[i + 1]#RATED#^rated\.
 37#common/escape.cpp#keep_space ? 0x20 : 0x21#keep_space ? 0x10 : 0x21#RUNTIME#^runtime\.
+38#runtime/queue.cpp#fail_open ? NFQA_CFG_F_FAIL_OPEN : 0#(fail_open || true) ? NFQA_CFG_F_FAIL_OPEN : 0#LIVE#^e2e\.lifecycle
+39#runtime/queue.cpp#fail_open ? NFQA_CFG_F_FAIL_OPEN : 0#(fail_open && false) ? NFQA_CFG_F_FAIL_OPEN : 0#LIVE#^e2e\.lifecycle
 ROWS
 )
 
@@ -80,7 +83,7 @@ trap 'exit 130' INT TERM
 while IFS='#' read -r n file old new group regex; do
 	[ -n "$n" ] || continue
 	if [ $# -gt 0 ] && ! printf '%s\n' "$@" | grep -qx "$n"; then continue; fi
-	case $group in RATED) targets=$rated ;; REPLAY) targets=$replay ;; RUNTIME) targets=$runtime ;; KERNEL) targets=$kernel ;; esac
+	case $group in RATED) targets=$rated ;; REPLAY) targets=$replay ;; RUNTIME) targets=$runtime ;; LIVE) targets=$live ;; KERNEL) targets=$kernel ;; esac
 	cp "$file" "$file.orig"
 	cur=$file
 	what="$file: '$old' -> '$new'"
@@ -103,4 +106,4 @@ while IFS='#' read -r n file old new group regex; do
 	echo "$n $what -> ${failed:-SURVIVED}"
 done <<<"$faults"
 # Leave the build matching the sources.
-nice -n 10 cmake --build "$build" --target $rated $replay $runtime $kernel >/dev/null 2>&1
+nice -n 10 cmake --build "$build" --target $rated $replay $runtime $live $kernel >/dev/null 2>&1
