@@ -13,6 +13,7 @@
 #include <cstring>
 #include <memory>
 
+#include "kmodel/host.h"
 #include "linux/module.h"
 #include "runtime/channel.h"
 #include "runtime/clock.h"
@@ -179,10 +180,15 @@ int main(int argc, char **argv)
 	if (exit_now)
 		return rc;
 	try {
-		return run(opt);
+		rc = run(opt);
 	} catch (const Fatal &f) {
 		log_drain();
 		fprintf(stderr, "dnshookd: %s\n", f.message.c_str());
-		return f.code;
+		rc = f.code;
 	}
+	// With the filter unloaded, the model lets go of what it holds back to
+	// catch late use (freed buffers, destroyed connections), so that a leak
+	// checker sees only what the filter itself keeps.
+	kmodel_reset();
+	return rc;
 }

@@ -136,6 +136,17 @@ Rtnl::~Rtnl()
 	kmodel_set_route_fn(nullptr);
 	kmodel_set_neigh_fn(nullptr);
 	g_rtnl = nullptr;
+	// Routes no buffer holds any more go now; one a buffer still holds
+	// stays with it (the filter's held copies outlive dnshookd's parts).
+	for (auto &entry : cache_) {
+		dst_release(entry.second.dst);
+		retired_.push_back(entry.second.dst);
+	}
+	cache_.clear();
+	for (struct dst_entry *dst : retired_)
+		if (kmodel_dst_refs(dst) == 0)
+			kmodel_dst_free(dst);
+	retired_.clear();
 	if (nl_)
 		mnl_socket_close(nl_);
 }

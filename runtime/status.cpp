@@ -10,6 +10,7 @@
 #include "runtime/traversal.h"
 
 #include "core/hook_registry.h"
+#include "kmodel/net.h"
 #include "linux/jiffies.h"
 #include "lists/tblock.h"
 #include "lists/unblock.h"
@@ -104,6 +105,9 @@ std::string counters(const StatusSources &src)
 	s += "requests " + std::to_string(ch.requests) + "\n";
 	s += "request_errors " + std::to_string(ch.request_errors) + "\n";
 	s += "replies " + std::to_string(ch.replies) + "\n";
+	// Buffers still allocated between packets: the filter's held copies and
+	// whatever it keeps; steady under steady traffic.
+	s += "buffers " + std::to_string(kmodel_skb_stats_get().live) + "\n";
 	for (auto &d : src.devices->sent())
 		s += "sent " + d.first + " " + std::to_string(d.second.frames) + " errors " +
 		     std::to_string(d.second.errors) + "\n";

@@ -74,6 +74,7 @@ expect_fetch "PC: the exempted device is back (web)" page "$NS_C0" allowed.test 
 
 # The exemption expires after 900000 ticks: 9 s at HZ 100000.
 e2e_stop_dnshookd TERM
+expect "stopped after all that traffic: exit status (under the sanitizers: nothing leaked)" 0 "$?"
 e2e_dnshookd --log-level 7 --hz 100000
 echo 1 >"$CTL/pcg_proc"
 echo "add $MAC_C0" >"$CTL/tblock_proc"
