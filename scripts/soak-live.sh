@@ -37,7 +37,10 @@ web() { # NS FAMILY ID
 			addr=198.51.100.${site##*:}
 			[ "$fam" = 6 ] && addr=2001:db8:100::${site##*:}
 			code=$(FETCH_TIMEOUT=8 fetch "$ns" "$name" "$addr" "/soak/$id/$n")
-			case $? in 0) echo "${code%% *}" ;; *) echo fail ;; esac >>"$E2E_DIR/web-$id"
+			case $? in
+			0) echo "${code%% *}" ;;
+			*) echo fail; echo "$(date +%s) $name $addr /soak/$id/$n" >>"$E2E_DIR/failed" ;;
+			esac >>"$E2E_DIR/web-$id"
 			n=$((n + 1))
 		done
 	done
@@ -88,6 +91,7 @@ while (($(date +%s) - start < secs)); do
 		echo "del $MAC_C1" >"$CTL/tblock_proc"
 	fi
 	if ((phase % 5 == 4)); then
+		echo "$(date +%s) rating daemon restarted" >>"$E2E_DIR/failed"
 		kill "$RATED_PID" && wait "$RATED_PID" 2>/dev/null
 		e2e_rated "$POLICY" --quiet
 	fi
@@ -119,6 +123,7 @@ rc=$?
 [ "$rc" = 0 ] || bad "dnshookd exited with $rc"
 grep -q "Sanitizer" "$E2E_DIR/dnshookd.log" && { bad "sanitizer report:"; sed -n '/Sanitizer/,$p' "$E2E_DIR/dnshookd.log"; }
 grep -q "Sanitizer" "$E2E_DIR/rated.log" && { bad "sanitizer report in the rating daemon:"; sed -n '/Sanitizer/,$p' "$E2E_DIR/rated.log"; }
+[ -s "$E2E_DIR/failed" ] && { echo "failed fetches (seconds since the epoch, host, address, path) and daemon restarts:"; cat "$E2E_DIR/failed"; }
 echo "$phase phases in $(($(date +%s) - start)) s: $(count 'web-*' 200) pages, $(count 'web-*' 302) redirects," \
 	"$(count 'web-*' fail) failed fetches; $(count 'dns-*' ok) answers, $(count 'dns-*' fail) lost;" \
 	"$(count 'flow-*' ok) flows, $(count 'flow-*' fail) refused or cut"
