@@ -143,10 +143,7 @@ Rtnl::~Rtnl()
 		retired_.push_back(entry.second.dst);
 	}
 	cache_.clear();
-	for (struct dst_entry *dst : retired_)
-		if (kmodel_dst_refs(dst) == 0)
-			kmodel_dst_free(dst);
-	retired_.clear();
+	free_unheld();
 	if (nl_)
 		mnl_socket_close(nl_);
 }
@@ -285,6 +282,11 @@ void Rtnl::sweep(void)
 			i++;
 		}
 	}
+	free_unheld();
+}
+
+void Rtnl::free_unheld(void)
+{
 	for (size_t i = 0; i < retired_.size();) {
 		if (kmodel_dst_refs(retired_[i]) == 0) {
 			kmodel_dst_free(retired_[i]);

@@ -40,6 +40,8 @@ public:
 	bool waiting(void) const { return !waiting_.empty(); }
 
 private:
+	// Frees the retired routes that no buffer holds any more.
+	void free_unheld(void);
 	struct Cached {
 		struct dst_entry *dst;
 		uint64_t made_ms;
